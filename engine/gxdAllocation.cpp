@@ -1,0 +1,122 @@
+// Append-only sector allocation for the save of a created file. Sectors are
+// appended at the end of the output in the order they are needed and never
+// freed or moved; tables grow by one sector's worth at a time (amortised by
+// the vectors that hold them).
+#include <istream>
+#include <ostream>
+
+#include "engine/gxdCompoundFile.h"
+
+// Output failures are not reported by the allocation: a seek or write that
+// fails leaves the output stream failed, later writes do nothing, and every
+// loop of the save is bounded by in-memory tables, so the save still ends.
+void gxdCompoundFile::writeOutput(uint64_t offset, const void* data,
+                                  size_t size) {
+  if (outputAt_ != offset) {
+    fileStream->seekp(static_cast<std::streamoff>(offset));
+  }
+  fileStream->write(static_cast<const char*>(data),
+                    static_cast<std::streamsize>(size));
+  outputAt_ = fileStream->good() ? offset + size : UINT64_MAX;
+}
+
+uint32_t gxdCompoundFile::appendSector() {
+  writeOutput(static_cast<uint64_t>(sectorCount) * sectorSize,
+              zeroSector.data(), sectorSize);
+  uint32_t id = sectorCount - 1;
+  ++sectorCount;
+  return id;
+}
+
+void gxdCompoundFile::startOutput() {
+  if (fileStream == nullptr || outputStarted == 1) return;
+  zeroSector.assign(sectorSize, 0);
+  sectorCount = 0;
+  headerPosition = 0;
+  writeOutput(0, zeroSector.data(), sectorSize);
+  sectorCount = 1;
+  ensureFatEntry(0);
+  ensureDirectorySlot();
+  outputStarted = 1;
+}
+
+void gxdCompoundFile::ensureFatEntry(uint32_t sector) {
+  const uint32_t e = sectorSize / 4;
+  while (static_cast<uint64_t>(sector) + 1 >
+         static_cast<uint64_t>(e) * fatSectorCount) {
+    ++fatSectorCount;
+    header.numFatSectors = fatSectorCount;
+    const uint32_t k = fatSectorCount - 1;
+    uint32_t f;
+    if (k < kHeaderDifatSlots) {
+      f = appendSector();
+      header.difat[k] = f;
+    } else if (!difatSectors.empty() && difatSlot < e - 1) {
+      f = appendSector();
+      difatBuffer[currentDifatSector + difatSlot] = f;
+      ++difatSlot;
+    } else {
+      // A new DIFAT sector comes directly before the FAT sector it lists.
+      uint32_t d = appendSector();
+      difatSectors.push_back(d);
+      header.numDifatSectors = static_cast<uint32_t>(difatSectors.size());
+      if (difatSectors.size() == 1) header.firstDifatSector = d;
+      currentDifatSector = difatBuffer.size();
+      difatBuffer.resize(difatBuffer.size() + e, kFreeSect);
+      difatBuffer[currentDifatSector + e - 1] = kEndOfChain;
+      f = appendSector();
+      difatBuffer[currentDifatSector] = f;
+      difatSlot = 1;
+    }
+    fat.resize(fat.size() + e, kFreeSect);
+    if (static_cast<uint64_t>(f) + 1 > static_cast<uint64_t>(e) * fatSectorCount)
+      ensureFatEntry(f);
+    fat[f] = kFatSect;
+  }
+}
+
+void gxdCompoundFile::ensureDirectorySlot() {
+  if (!directorySectors.empty() &&
+      nextDirectoryIndex < entriesPerSector * directorySectors.size())
+    return;
+  uint32_t d = appendSector();
+  directorySectors.push_back(d);
+  directoryBuffer.resize(directoryBuffer.size() +
+                             entriesPerSector * kDirRecordSize,
+                         0);
+  nextDirectoryIndex =
+      entriesPerSector * static_cast<uint32_t>(directorySectors.size() - 1);
+}
+
+void gxdCompoundFile::ensureMiniFatEntry(uint32_t miniSector) {
+  const uint32_t e = sectorSize / 4;
+  if (!miniFatSectors.empty() &&
+      miniSector < static_cast<uint64_t>(e) * miniFatSectors.size())
+    return;
+  uint32_t t = appendSector();
+  miniFatSectors.push_back(t);
+  if (header.firstMiniFatSector == kEndOfChain) header.firstMiniFatSector = t;
+  miniFat.resize(miniFat.size() + e, kFreeSect);
+  ++header.numMiniFatSectors;
+}
+
+void gxdCompoundFile::growMiniStream() {
+  ++miniStreamSectorCount;
+  uint32_t g = appendSector();
+  miniStreamSectors.push_back(g);
+  uint8_t* root = directoryRecord(0);
+  if (root != nullptr) {
+    if (loadU32(root + gxdDirField::kStartSector) == kEndOfChain)
+      storeU32(root + gxdDirField::kStartSector, g);
+    storeU32(root + gxdDirField::kStreamSize,
+             loadU32(root + gxdDirField::kStreamSize) + sectorSize);
+  }
+  miniStream.resize(static_cast<size_t>(sectorSize) * miniStreamSectorCount,
+                    0);
+}
+
+uint8_t* gxdCompoundFile::directoryRecord(uint32_t index) {
+  uint64_t offset = static_cast<uint64_t>(index) * kDirRecordSize;
+  if (offset + kDirRecordSize > directoryBuffer.size()) return nullptr;
+  return directoryBuffer.data() + offset;
+}

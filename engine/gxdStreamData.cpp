@@ -1,0 +1,145 @@
+// Stream data of a created file: 512-byte blocks appended to the temporary
+// file while the application writes, then placed by the save into the mini
+// stream or into a chain of appended sectors.
+#include <algorithm>
+#include <cstring>
+#include <istream>
+#include <ostream>
+
+#include "engine/gxdCompoundFile.h"
+
+namespace {
+// The temporary file's offsets stay below 2 GiB.
+constexpr uint32_t kMaxTempBlocks = 0x80000000u / kTempBlockSize;
+// Large streams move through the save in batches of this many sectors.
+constexpr uint32_t kBatchSectors = 128;
+}  // namespace
+
+uint32_t gxdCompoundFile::tempBlocksLeft() const {
+  if (tempStream == nullptr) return 0;
+  uint32_t used = lastTempBlock + 1;  // 0xFFFFFFFF (none) wraps to 0
+  return used >= kMaxTempBlocks ? 0 : kMaxTempBlocks - used;
+}
+
+uint32_t gxdCompoundFile::writeTempBlock(const uint8_t* block) {
+  return writeTempBlocks(block, 1);
+}
+
+uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data,
+                                          uint32_t count) {
+  if (tempStream == nullptr || count == 0 || count > tempBlocksLeft())
+    return 0xFFFFFFFFu;
+  const uint32_t first = lastTempBlock + 1;
+  const uint64_t offset = static_cast<uint64_t>(first) * kTempBlockSize;
+  // A file stream shares one position for reading and writing and needs a
+  // seek between the two; appends in a row need none.
+  if (tempAt_ != offset || !tempWriting_)
+    tempStream->seekp(static_cast<std::streamoff>(offset));
+  tempStream->write(reinterpret_cast<const char*>(data),
+                    static_cast<std::streamsize>(count) * kTempBlockSize);
+  tempWriting_ = true;
+  tempAt_ = tempStream->good() ? offset + uint64_t{count} * kTempBlockSize
+                               : UINT64_MAX;
+  lastTempBlock += count;
+  return first;
+}
+
+void gxdCompoundFile::readTemp(uint64_t offset, void* data, size_t size) {
+  if (tempStream == nullptr) return;
+  if (tempAt_ != offset || tempWriting_)
+    tempStream->seekg(static_cast<std::streamoff>(offset));
+  tempStream->read(static_cast<char*>(data),
+                   static_cast<std::streamsize>(size));
+  tempWriting_ = false;
+  tempAt_ = tempStream->good() ? offset + size : UINT64_MAX;
+}
+
+void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
+                                      const std::vector<uint32_t>& blocks) {
+  // Data of a stream without a directory record of its own could never be
+  // reached from the written file: it is not placed.
+  if (directoryRecord(entry.dirIndex) == nullptr) return;
+  uint32_t start;
+  if (entry.sizeHigh() == 0 && entry.sizeLow() < header.miniStreamCutoff) {
+    start = writeSmallStream(entry.size, blocks);
+  } else {
+    start = writeLargeStream(entry.sizeLow(), blocks);
+  }
+  entry.startSector = start;
+  storeU32(directoryRecord(entry.dirIndex) + gxdDirField::kStartSector, start);
+}
+
+uint32_t gxdCompoundFile::writeSmallStream(
+    uint64_t size, const std::vector<uint32_t>& blocks) {
+  if (size == 0) return kEndOfChain;
+  const uint32_t perBlock = sectorSize / miniSectorSize;
+  const uint32_t first = lastMiniSector == 0xFFFFFFFFu ? 0 : lastMiniSector + 1;
+  ensureMiniFatEntry(first);
+  const uint32_t count =
+      static_cast<uint32_t>((size + miniSectorSize - 1) / miniSectorSize);
+  while (static_cast<uint64_t>(miniStreamSectorCount) * perBlock <
+         static_cast<uint64_t>(first) + count)
+    growMiniStream();
+  uint8_t block[kTempBlockSize];
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t m = first + i;
+    miniFat[m] = i == count - 1 ? kEndOfChain : m + 1;
+    if (i % perBlock == 0) {
+      // Blocks missing from the list (never the case for a flushed stream)
+      // contribute zero bytes rather than reads outside the list.
+      const size_t b = i / perBlock;
+      if (b < blocks.size()) {
+        readTemp(uint64_t{blocks[b]} * kTempBlockSize, block, sizeof(block));
+      } else {
+        std::memset(block, 0, sizeof(block));
+      }
+    }
+    std::memcpy(miniStream.data() + static_cast<size_t>(m) * miniSectorSize,
+                block + (i % perBlock) * miniSectorSize, miniSectorSize);
+    lastMiniSector = m;
+    ensureMiniFatEntry(m + 1);
+  }
+  return first;
+}
+
+// Each temporary block becomes one sector, in list order. Runs of sectors
+// that need no FAT growth between them are copied in one read and one write;
+// the sectors and FAT entries that result are those of a sector-by-sector
+// copy, growing the FAT before a sector whose predecessor it cannot hold.
+uint32_t gxdCompoundFile::writeLargeStream(
+    uint32_t size, const std::vector<uint32_t>& blocks) {
+  if (size == 0 || blocks.empty()) return kEndOfChain;
+  const uint32_t e = sectorSize / 4;
+  const uint32_t start = sectorCount - 1;
+  uint32_t prev = start;
+  std::vector<uint8_t> batch(static_cast<size_t>(kBatchSectors) * sectorSize);
+  size_t i = 0;
+  while (i < blocks.size()) {
+    if (i > 0) ensureFatEntry(prev);
+    const uint32_t s = sectorCount - 1;
+    const uint64_t cover = static_cast<uint64_t>(e) * fatSectorCount;
+    uint64_t run = s < cover ? cover - s + 1 : 1;
+    run = std::min<uint64_t>(run, blocks.size() - i);
+    run = std::min<uint64_t>(run, kBatchSectors);
+    // Read the batch, one call per run of consecutive temporary blocks.
+    for (size_t j = 0; j < run;) {
+      size_t k = 1;
+      while (j + k < run && blocks[i + j + k] == blocks[i + j] + k) ++k;
+      readTemp(uint64_t{blocks[i + j]} * kTempBlockSize,
+               batch.data() + j * sectorSize, k * sectorSize);
+      j += k;
+    }
+    writeOutput(static_cast<uint64_t>(sectorCount) * sectorSize, batch.data(),
+                static_cast<size_t>(run) * sectorSize);
+    for (uint64_t j = 0; j < run; ++j) {
+      const uint32_t id = s + static_cast<uint32_t>(j);
+      if (i + j > 0) fat[prev] = id;
+      prev = id;
+    }
+    sectorCount += static_cast<uint32_t>(run);
+    i += run;
+  }
+  ensureFatEntry(prev);
+  fat[prev] = kEndOfChain;
+  return start;
+}

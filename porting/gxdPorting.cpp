@@ -1,0 +1,105 @@
+#include "porting/gxdPorting.h"
+
+namespace {
+
+std::ios::openmode modeFlags(int mode) {
+  switch (mode) {
+    case kPdOpenRead:
+      return std::ios::in | std::ios::binary;
+    case kPdOpenCreate:
+    case kPdOpenTemp:
+      // Emptied on open, so a created file replaces an old one wholly and no
+      // stale tail survives past what the save writes.
+      return std::ios::in | std::ios::out | std::ios::trunc | std::ios::binary;
+    default:
+      return std::ios::openmode();
+  }
+}
+
+}  // namespace
+
+void pdOpenFile(const char16_t* path, int mode, std::fstream& stream) {
+  if (path == nullptr || (mode != kPdOpenRead && mode != kPdOpenCreate &&
+                          mode != kPdOpenTemp)) {
+    stream.setstate(std::ios::failbit);
+    return;
+  }
+  std::u16string wide(path);
+#if defined(_WIN32)
+  std::wstring native(wide.begin(), wide.end());
+  stream.open(native.c_str(), modeFlags(mode));
+#else
+  std::string native;
+  if (!pdUtf16ToUtf8(wide, native) ||
+      native.find('\0') != std::string::npos) {
+    stream.setstate(std::ios::failbit);
+    return;
+  }
+  stream.open(native, modeFlags(mode));
+#endif
+  if (!stream.is_open()) stream.setstate(std::ios::failbit);
+}
+
+void pdConvertWCHAR2String(const char16_t* source, uint64_t maxUnits,
+                           std::u16string& target) {
+  uint64_t n = 0;
+  while (n < maxUnits && source[n] != 0) ++n;
+  target.assign(source, static_cast<size_t>(n));
+}
+
+int pdCompareNoCase(const char16_t* a, size_t aLength, const char16_t* b,
+                    size_t bLength) {
+  size_t n = aLength < bLength ? aLength : bLength;
+  for (size_t i = 0; i < n; ++i) {
+    unsigned x = a[i], y = b[i];
+    if (x >= u'A' && x <= u'Z') x += 0x20;
+    if (y >= u'A' && y <= u'Z') y += 0x20;
+    if (x != y) return x < y ? -1 : 1;
+  }
+  if (aLength == bLength) return 0;
+  return aLength < bLength ? -1 : 1;
+}
+
+int pdCompareNoCase(const char16_t* a, const char16_t* b) {
+  return pdCompareNoCase(a, std::char_traits<char16_t>::length(a), b,
+                         std::char_traits<char16_t>::length(b));
+}
+
+std::u16string pdFromUnits(const unsigned short* units) {
+  std::u16string out;
+  if (units == nullptr) return out;
+  for (; *units != 0; ++units) out.push_back(static_cast<char16_t>(*units));
+  return out;
+}
+
+bool pdUtf16ToUtf8(const std::u16string& in, std::string& out) {
+  out.clear();
+  out.reserve(in.size());
+  for (size_t i = 0; i < in.size(); ++i) {
+    uint32_t c = in[i];
+    if (c >= 0xD800 && c <= 0xDBFF) {
+      if (i + 1 >= in.size() || in[i + 1] < 0xDC00 || in[i + 1] > 0xDFFF)
+        return false;
+      c = 0x10000 + ((c - 0xD800) << 10) + (in[i + 1] - 0xDC00);
+      ++i;
+    } else if (c >= 0xDC00 && c <= 0xDFFF) {
+      return false;
+    }
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+  return true;
+}
