@@ -210,6 +210,7 @@ bool gxdCompoundFile::loadDirectoryChain() {
     markCorrupt();
     return false;
   }
+  loadedDirectorySectors_ = chain.size();
   directoryData_.resize(chain.size() * static_cast<size_t>(sectorSize));
   // Consecutive sectors are read with one call.
   size_t i = 0;

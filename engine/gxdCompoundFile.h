@@ -92,6 +92,8 @@ class gxdCompoundFile {
   bool isSectorInFile(uint32_t sector) const;
   // Number of sector positions after the header that the file reaches.
   uint64_t fileSectorCount() const { return fileSectorCount_; }
+  // Length of the directory chain that was loaded (0 for a new file).
+  uint64_t loadedDirectorySectors() const { return loadedDirectorySectors_; }
 
   // ---- Fields (read directly by the portable objects) -----------------
   uint32_t sectorCount = 0;   // output positions used, header's included
@@ -151,6 +153,7 @@ class gxdCompoundFile {
 
   uint64_t fileLength_ = 0;
   uint64_t fileSectorCount_ = 0;
+  uint64_t loadedDirectorySectors_ = 0;
   std::vector<uint8_t> directoryData_;  // loaded directory chain, in order
   uint64_t outputAt_ = UINT64_MAX;  // where the output's put position stands
   uint64_t tempAt_ = UINT64_MAX;    // where the temp file's position stands
