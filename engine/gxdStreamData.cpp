@@ -41,17 +41,30 @@ uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data,
   tempAt_ = tempStream->good() ? offset + uint64_t{count} * kTempBlockSize
                                : UINT64_MAX;
   lastTempBlock += count;
+  // A write that did not reach the temporary file (disk full) loses the
+  // blocks: the caller is refused rather than handed numbers of blocks that
+  // the save could not read back.
+  if (!tempStream->good()) return 0xFFFFFFFFu;
   return first;
 }
 
+// A read of the temporary file that does not deliver every byte asked for
+// means the stream data being placed is lost. The save goes on (it has no way
+// to report), but the output stream is set failed, which is how the engine
+// tells that the file it wrote is not whole.
 void gxdCompoundFile::readTemp(uint64_t offset, void* data, size_t size) {
-  if (tempStream == nullptr) return;
+  if (tempStream == nullptr || !tempStream->good()) {
+    fileStream->setstate(std::ios::failbit);
+    return;
+  }
   if (tempAt_ != offset || tempWriting_)
     tempStream->seekg(static_cast<std::streamoff>(offset));
   tempStream->read(static_cast<char*>(data),
                    static_cast<std::streamsize>(size));
   tempWriting_ = false;
   tempAt_ = tempStream->good() ? offset + size : UINT64_MAX;
+  if (tempStream->gcount() != static_cast<std::streamsize>(size))
+    fileStream->setstate(std::ios::failbit);
 }
 
 void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
@@ -59,6 +72,10 @@ void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
   // Data of a stream without a directory record of its own could never be
   // reached from the written file: it is not placed.
   if (directoryRecord(entry.dirIndex) == nullptr) return;
+  // Blocks missing from the list (a flush the temporary file refused) are
+  // data lost: what there is gets placed, and the output is set failed.
+  if (uint64_t{blocks.size()} * kTempBlockSize < entry.size)
+    fileStream->setstate(std::ios::failbit);
   uint32_t start;
   if (entry.sizeHigh() == 0 && entry.sizeLow() < header.miniStreamCutoff) {
     start = writeSmallStream(entry.size, blocks);
