@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <istream>
+#include <unordered_set>
 
 gxdCompoundFile::gxdCompoundFile(std::iostream* fileStreamIn,
                                  std::iostream* tempStreamIn,
@@ -130,10 +131,13 @@ bool gxdCompoundFile::loadFat() {
       static_cast<uint64_t>(header.numDifatSectors) * idsPerDifat;
   std::vector<uint8_t> sector(sectorSize);
   uint64_t loaded = 0;
+  // A FAT or DIFAT sector listed twice (a DIFAT loop among them) would read
+  // the same sector again and again up to the counts: the file is corrupt.
+  std::unordered_set<uint32_t> listed;
 
   auto loadFatSector = [&](uint32_t id) -> bool {
     if (loaded >= capacity || loaded >= fileSectorCount_ ||
-        !isSectorInFile(id)) {
+        !isSectorInFile(id) || !listed.insert(id).second) {
       markCorrupt();
       return false;
     }
@@ -157,7 +161,7 @@ bool gxdCompoundFile::loadFat() {
     uint32_t d = header.firstDifatSector;
     for (uint32_t n = 0; n < header.numDifatSectors; ++n) {
       if (d == kEndOfChain) break;
-      if (!isSectorInFile(d)) {
+      if (!isSectorInFile(d) || !listed.insert(d).second) {
         markCorrupt();
         return false;
       }
