@@ -4,6 +4,8 @@
 #   make demo       build release, then run scripts/demo.sh
 #   make test       install missing packages, then run every test leg and
 #                   print one summary line per leg
+#   make bench      build build/bench and print the benchmark table
+#                   (BENCH_ARGS="--repetitions 9 --only W3,W6")
 #   make format     clang-format the C++ sources in place
 #   make clean      remove build/
 #
@@ -27,7 +29,7 @@ CTEST_ARGS ?=
 TEST_LEGS := test-native test-mingw
 
 .PHONY: all release demo test deps test-legs build-dev build-mingw \
-        $(TEST_LEGS) format clean
+        $(TEST_LEGS) format clean bench
 
 all: release
 
@@ -81,6 +83,11 @@ test-mingw: build-mingw
 	bash $(LEG) mingw/wine $(BUILD_DIR)/mingw gtest $(SUMMARY) -- $(CTEST_ARGS) || status=$$?; \
 	WINEPREFIX=$(abspath $(BUILD_DIR)/mingw/wineprefix) wineserver -k >/dev/null 2>&1 || true; \
 	exit $$status
+
+# --- benchmarks --------------------------------------------------------------
+
+bench:
+	bash scripts/bench.sh $(BENCH_ARGS)
 
 # --- housekeeping ------------------------------------------------------------
 

@@ -192,8 +192,10 @@ std::string cell(const Workload& w, int index, const Result& r) {
   if (w.throughput)
     std::snprintf(text, sizeof(text), "%.0f MiB/s",
                   workloadBytes(index) / r.seconds / (1 << 20));
+  else if (r.seconds < 0.01)
+    std::snprintf(text, sizeof(text), "%.3f ms", r.seconds * 1e3);
   else
-    std::snprintf(text, sizeof(text), "%.2f ms", r.seconds * 1e3);
+    std::snprintf(text, sizeof(text), "%.1f ms", r.seconds * 1e3);
   return text;
 }
 

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds and runs the benchmarks: workloads W1-W6 through the library, the
+# plain-file limit and libgsf, printed as one table.
+#
+#   scripts/bench.sh [gxStorageBench options...]
+#     e.g. --repetitions 9, --only W3,W6, --keep
+#
+# Installs Google Benchmark and libgsf (with pkg-config) through apt-get when
+# they are missing, and only then. Builds in build/bench (Release).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(libbenchmark-dev libgsf-1-dev pkg-config)
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
+  [[ $status == "install ok installed" ]] || missing+=("$p")
+done
+if [[ ${#missing[@]} -gt 0 ]]; then
+  if [[ $(id -u) -eq 0 ]]; then sudo=(); else sudo=(sudo); fi
+  echo "bench: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  "${sudo[@]}" apt-get update -q
+  "${sudo[@]}" apt-get install -y -q "${missing[@]}"
+fi
+
+cmake --preset bench >/dev/null
+cmake --build --preset bench -j "${JOBS:-2}" >/dev/null
+exec build/bench/bin/gxStorageBench "$@"
