@@ -8,10 +8,13 @@
 #include "gxstg.h"
 
 #ifdef _WIN32
+// windows.h must come before shellapi.h.
+// clang-format off
+#include <windows.h>
+#include <shellapi.h>
 #include <fcntl.h>
 #include <io.h>
-#include <shellapi.h>
-#include <windows.h>
+// clang-format on
 #else
 #include <unistd.h>
 #endif
