@@ -27,9 +27,10 @@ LEG := cmake/run-test-leg.sh
 CTEST_ARGS ?=
 
 TEST_LEGS := test-native test-mingw
+TEST_LEGS += test-fuzz
 
 .PHONY: all release demo test deps test-legs build-dev build-mingw \
-        $(TEST_LEGS) format clean bench
+        $(TEST_LEGS) fuzz format clean bench
 
 all: release
 
@@ -88,6 +89,14 @@ test-mingw: build-mingw
 
 bench:
 	bash scripts/bench.sh $(BENCH_ARGS)
+
+# Fuzzing: replay of the committed corpus plus a bounded smoke per target.
+test-fuzz:
+	@bash scripts/fuzz.sh --smoke --summary $(SUMMARY)
+
+# Long fuzz runs: FUZZ_SECONDS per target (default 300).
+fuzz:
+	bash scripts/fuzz.sh
 
 # --- housekeeping ------------------------------------------------------------
 
