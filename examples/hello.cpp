@@ -27,15 +27,12 @@ int main() {
   root->commit();            // the file is written here, once
   gxStgCloseStorage(root);   // destroys docs and out too; does not commit
 
-  // Open (read-only), position the stream at its start, read, close.
+  // Open (read-only), read, close. An opened stream starts at position 0.
   if (gxStgOpenStorage(U(u"hello.cfb"), 0, &root, true) != GX_S_OK) return 1;
   CGxAbsStream* in = nullptr;
   root->openIStorage(U(u"Docs"), true, &docs);            // true: open
   if (docs == nullptr || docs->openIStream(U(u"Greeting"), true, &in) != GX_S_OK)
     return 1;
-  LARGE_INTEGER start;
-  start.QuadPart = 0;
-  in->seek(start, GX_STREAM_SEEK_SET, nullptr);
   char buffer[64] = {};
   unsigned long long done = 0;
   in->read(buffer, sizeof buffer - 1, &done);
