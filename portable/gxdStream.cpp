@@ -231,6 +231,10 @@ gxResult gxdStream::write(const void* data, uint64_t count,
       if (static_cast<int32_t>(k) < 0) return GX_E_FAIL;
       for (uint32_t b = 0; b < blocks; ++b) tempBlocks.push_back(k + b);
       const uint64_t n = uint64_t{blocks} * kBlockSize;
+      // The buffer ends up holding the last whole block, as it would after
+      // block-by-block copying; a later flush of a partly refilled buffer
+      // writes those bytes past the fill.
+      std::memcpy(buffer, in + n - kBlockSize, kBlockSize);
       in += n;
       count -= n;
       currentPosition += n;
