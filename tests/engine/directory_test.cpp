@@ -15,12 +15,8 @@ struct Loaded {
   gxdCompoundFile file;
 };
 
-std::u16string names(const std::vector<gxdDirEntry>& v) {
-  std::u16string s;
-  for (const auto& e : v) s += e.name + u",";
-  return s;
-}
-std::u16string names(const std::vector<gxdStorageEntry>& v) {
+template <typename Entry>
+std::u16string names(const std::vector<Entry>& v) {
   std::u16string s;
   for (const auto& e : v) s += e.name + u",";
   return s;

@@ -2,8 +2,6 @@
 // DIFAT sectors, MiniFAT and the mini stream, in both sector sizes.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "engine/gxdCompoundFile.h"
 #include "support/gxFaultStream.h"
 #include "support/gxTestFileBuilder.h"
@@ -29,18 +27,14 @@ TEST(Load, NewEngineHasTheNewFileHeaderAndReadsNothing) {
   gxdCompoundFile file(&stream, nullptr, false);
   uint8_t h[512];
   file.header.store(h);
-  uint8_t want[512];
-  std::memset(want, 0xFF, sizeof want);
-  std::memset(want, 0, 0x4C);
-  const uint8_t sig[8] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
-  std::memcpy(want, sig, 8);
-  const uint8_t fields[][3] = {{0x18, 0x3E, 0},    {0x1A, 3, 0},
-                               {0x1C, 0xFE, 0xFF}, {0x1E, 9, 0},
-                               {0x20, 6, 0},       {0x39, 0x10, 0}};
-  for (auto& f : fields) want[f[0]] = f[1], want[f[0] + 1] = f[2];
-  for (int at : {0x30, 0x3C, 0x44})
-    std::memset(want + at, 0xFF, 4), want[at] = 0xFE;
-  EXPECT_EQ(0, std::memcmp(h, want, 512));
+  std::string want(512, '\xFF');  // by offset: the fields up to 0x4B
+  const char* head =
+      "d0cf11e0a1b11ae1000000000000000000000000000000003e000300feff0900"
+      "06000000000000000000000000000000feffffff0000000000100000feffffff"
+      "00000000feffffff00000000";
+  for (size_t i = 0; i < 0x4C; ++i)
+    want[i] = char(std::stoi(std::string(head + 2 * i, 2), nullptr, 16));
+  EXPECT_EQ(want, std::string(reinterpret_cast<char*>(h), 512));
   EXPECT_EQ(512, file.sectorSize);
   EXPECT_EQ(64, file.miniSectorSize);
   EXPECT_EQ(4u, file.entriesPerSector);
@@ -103,14 +97,6 @@ TEST(Load, HeaderFatWalkAndMiniStream) {
     EXPECT_EQ(1u, l.file.miniFat[0]);
   }
   {
-    SCOPED_TRACE("header walk stops at the first FREESECT slot");
-    std::string f = bytes;
-    gxPutU32(f, 76 + 4 * 2, 0);
-    Loaded l(f);
-    ASSERT_TRUE(l.ok());
-    EXPECT_EQ(128u, l.file.fat.size());
-  }
-  {
     SCOPED_TRACE("no MiniFAT: neither MiniFAT nor mini stream is loaded");
     std::string f = bytes;
     gxPutU32(f, 60, 0xFFFFFFFEu);
@@ -119,13 +105,6 @@ TEST(Load, HeaderFatWalkAndMiniStream) {
     EXPECT_TRUE(l.file.miniFat.empty());
     EXPECT_TRUE(l.file.miniStream.empty());
     EXPECT_EQ(1024u, l.file.rootEntry.size);
-  }
-  {
-    SCOPED_TRACE("minor version 0x21 and byte order 0 are accepted");
-    std::string f = bytes;
-    gxPutU16(f, 24, 0x21);
-    gxPutU16(f, 28, 0);
-    EXPECT_TRUE(Loaded(f).ok());
   }
 }
 

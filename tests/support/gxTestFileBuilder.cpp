@@ -13,11 +13,8 @@ uint32_t ceilDiv(uint64_t a, uint64_t b) {
 }
 }  // namespace
 
-void gxPutU32(std::string& f, uint64_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) f[at + i] = static_cast<char>(v >> (8 * i));
-}
-void gxPutU16(std::string& f, uint64_t at, uint16_t v) {
-  for (int i = 0; i < 2; ++i) f[at + i] = static_cast<char>(v >> (8 * i));
+void gxPutU32(std::string& f, uint64_t at, uint32_t v, int width) {
+  for (int i = 0; i < width; ++i) f[at + i] = static_cast<char>(v >> (8 * i));
 }
 uint32_t gxGetU32(const std::string& f, uint64_t at) {
   uint32_t v = 0;
@@ -37,43 +34,25 @@ gxTestFileBuilder::gxTestFileBuilder(uint16_t version)
 uint32_t gxTestFileBuilder::add(uint32_t parent, const std::u16string& name,
                                 uint8_t type, std::string data) {
   uint32_t n = static_cast<uint32_t>(entries.size());
-  Entry e;
-  e.name = name;
-  e.type = type;
-  e.data = std::move(data);
-  entries.push_back(std::move(e));
+  entries.push_back({name, type, kNone, kNone, kNone, std::move(data), kEnd});
   lastChild_.push_back(kNone);
-  if (lastChild_[parent] == kNone)
-    entries[parent].child = n;
-  else
-    entries[lastChild_[parent]].right = n;
+  (lastChild_[parent] == kNone ? entries[parent].child
+                               : entries[lastChild_[parent]].right) = n;
   lastChild_[parent] = n;
   return n;
-}
-
-uint32_t gxTestFileBuilder::addStorage(uint32_t parent,
-                                       const std::u16string& name) {
-  return add(parent, name, 1, std::string());
-}
-
-uint32_t gxTestFileBuilder::addStream(uint32_t parent,
-                                      const std::u16string& name,
-                                      std::string data) {
-  return add(parent, name, 2, std::move(data));
 }
 
 uint64_t gxTestFileBuilder::sectorOffset(uint32_t s) const {
   return (static_cast<uint64_t>(s) + 1) << sectorShift;
 }
 
+// Each structure occupies consecutive sectors, so offsets are linear.
 uint64_t gxTestFileBuilder::entryOffset(uint32_t n) const {
-  uint32_t perSector = sectorSize / 128;
-  return sectorOffset(directorySectors[n / perSector]) + (n % perSector) * 128;
+  return sectorOffset(directorySectors[0]) + uint64_t(n) * 128;
 }
 
 uint64_t gxTestFileBuilder::fatEntryOffset(uint32_t s) const {
-  uint32_t perSector = sectorSize / 4;
-  return sectorOffset(fatSectors[s / perSector]) + (s % perSector) * 4;
+  return sectorOffset(0) + uint64_t(s) * 4;
 }
 
 std::string gxTestFileBuilder::build() {
@@ -104,6 +83,7 @@ std::string gxTestFileBuilder::build() {
   }
   std::vector<uint32_t> fat(size_t(nFat) * perSector, kNone);
   uint32_t next = 0;
+  // Gives the next `count` sectors, chained in the FAT, to a structure.
   auto chain = [&](uint32_t count, std::vector<uint32_t>* out) {
     uint32_t first = count ? next : kEnd;
     for (uint32_t i = 0; i < count; ++i, ++next) {
@@ -133,25 +113,21 @@ std::string gxTestFileBuilder::build() {
     metadataEnd -= uint64_t(nMini) * sectorSize - miniStreamLength;
   for (Entry& e : entries)
     if (e.type == 2 && e.data.size() >= kCutoff)
-      e.startSector = chain(ceilDiv(e.data.size(), sectorSize), nullptr);
+      e.startSector = next, next += ceilDiv(e.data.size(), sectorSize);
 
   std::string f(sectorOffset(next), '\0');
-  // Header.
   const uint8_t sig[8] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
-  for (int i = 0; i < 8; ++i) f[i] = static_cast<char>(sig[i]);
-  gxPutU16(f, 24, 0x3E);
-  gxPutU16(f, 26, majorVersion);
-  gxPutU16(f, 28, 0xFFFE);
-  gxPutU16(f, 30, sectorShift);
-  gxPutU16(f, 32, 6);
-  gxPutU32(f, 40, majorVersion == 4 ? nDir : 0);
-  gxPutU32(f, 44, nFat);
-  gxPutU32(f, 48, directorySectors[0]);
-  gxPutU32(f, 56, kCutoff);
-  gxPutU32(f, 60, nMiniFat ? miniFatSectors[0] : kEnd);
-  gxPutU32(f, 64, nMiniFat);
-  gxPutU32(f, 68, nDifat ? difatSectors[0] : kEnd);
-  gxPutU32(f, 72, nDifat);
+  f.replace(0, 8, reinterpret_cast<const char*>(sig), 8);
+  const uint32_t header[][3] = {
+      // offset, value, width
+      {24, 0x3E, 2},     {26, majorVersion, 2},
+      {28, 0xFFFE, 2},   {30, sectorShift, 2},
+      {32, 6, 2},        {40, majorVersion == 4 ? nDir : 0, 4},
+      {44, nFat, 4},     {48, directorySectors[0], 4},
+      {56, kCutoff, 4},  {60, nMiniFat ? miniFatSectors[0] : kEnd, 4},
+      {64, nMiniFat, 4}, {68, nDifat ? difatSectors[0] : kEnd, 4},
+      {72, nDifat, 4}};
+  for (const auto& h : header) gxPutU32(f, h[0], h[1], int(h[2]));
   for (uint32_t i = 0; i < 109; ++i)
     gxPutU32(f, 76 + 4 * i, i < nFat ? fatSectors[i] : kNone);
   // DIFAT sectors: the FAT sectors after the first 109, then the next link.
@@ -164,20 +140,33 @@ std::string gxTestFileBuilder::build() {
     gxPutU32(f, at + 4 * (perSector - 1),
              d + 1 < nDifat ? difatSectors[d + 1] : kEnd);
   }
+  // Stream data and its chains: contiguous in the mini stream or in sectors.
+  std::vector<uint32_t> miniFat(size_t(nMiniFat) * perSector, kNone);
+  const uint64_t miniAt = nMini ? sectorOffset(miniStreamSectors[0]) : 0;
+  for (const Entry& e : entries) {
+    if (e.type != 2 || e.data.empty()) continue;
+    bool small = e.data.size() < kCutoff;
+    uint32_t count = ceilDiv(e.data.size(), small ? kMiniSize : sectorSize);
+    std::vector<uint32_t>& table = small ? miniFat : fat;
+    for (uint32_t i = 0; i < count; ++i)
+      table[e.startSector + i] = i + 1 < count ? e.startSector + i + 1 : kEnd;
+    f.replace(small ? miniAt + uint64_t(e.startSector) * kMiniSize
+                    : sectorOffset(e.startSector),
+              e.data.size(), e.data);
+  }
   for (uint32_t s = 0; s < fat.size(); ++s)
     gxPutU32(f, fatEntryOffset(s), fat[s]);
+  for (uint32_t m = 0; m < miniFat.size(); ++m)
+    gxPutU32(f, sectorOffset(miniFatSectors[0]) + 4 * m, miniFat[m]);
   // Directory: unused slots have type 0 and no links.
   for (uint32_t n = 0; n < nDir * (sectorSize / 128); ++n) {
     uint64_t at = entryOffset(n);
-    if (n >= entries.size()) {
-      for (int k = 68; k < 80; k += 4) gxPutU32(f, at + k, kNone);
-      continue;
-    }
-    const Entry& e = entries[n];
+    Entry e{u"", 0, kNone, kNone, kNone, "", 0};
+    if (n < entries.size()) e = entries[n];
     size_t units = std::min<size_t>(e.name.size(), 32);
-    for (size_t i = 0; i < units; ++i) gxPutU16(f, at + 2 * i, e.name[i]);
-    gxPutU16(f, at + 64,
-             static_cast<uint16_t>(std::min<size_t>(units + 1, 32) * 2));
+    for (size_t i = 0; i < units; ++i) gxPutU32(f, at + 2 * i, e.name[i], 2);
+    if (units)
+      gxPutU32(f, at + 64, uint32_t(std::min<size_t>(units + 1, 32) * 2), 2);
     f[at + 66] = static_cast<char>(e.type);
     f[at + 67] = n == 0 ? 0 : 1;
     gxPutU32(f, at + 68, e.left);
@@ -188,34 +177,5 @@ std::string gxTestFileBuilder::build() {
     gxPutU32(f, at + 120, static_cast<uint32_t>(size));
     gxPutU32(f, at + 124, static_cast<uint32_t>(size >> 32));
   }
-  // MiniFAT, mini stream and large stream data.
-  for (const Entry& e : entries) {
-    if (e.type != 2 || e.data.empty()) continue;
-    bool small = e.data.size() < kCutoff;
-    uint32_t unit = small ? kMiniSize : sectorSize;
-    for (uint32_t i = 0, s = e.startSector; i * unit < e.data.size(); ++i) {
-      uint32_t n = std::min<uint32_t>(unit, e.data.size() - i * unit);
-      uint32_t link = (i + 1) * unit < e.data.size() ? s + 1 : kEnd;
-      uint64_t at;
-      if (small) {
-        uint64_t pos = uint64_t(s) * kMiniSize;
-        at = sectorOffset(miniStreamSectors[pos / sectorSize]) +
-             pos % sectorSize;
-        gxPutU32(
-            f,
-            sectorOffset(miniFatSectors[s / perSector]) + 4 * (s % perSector),
-            link);
-      } else {
-        at = sectorOffset(s);
-      }
-      f.replace(at, n, e.data, i * unit, n);
-      s = link;
-    }
-  }
-  // Unused MiniFAT entries are free.
-  for (uint32_t m = miniSectors; m < nMiniFat * perSector; ++m)
-    gxPutU32(f,
-             sectorOffset(miniFatSectors[m / perSector]) + 4 * (m % perSector),
-             kNone);
   return f;
 }

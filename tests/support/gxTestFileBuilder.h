@@ -38,9 +38,13 @@ class gxTestFileBuilder {
   explicit gxTestFileBuilder(uint16_t majorVersion = 3);
 
   // Append an entry under entry `parent` and return its entry number.
-  uint32_t addStorage(uint32_t parent, const std::u16string& name);
+  uint32_t addStorage(uint32_t parent, const std::u16string& name) {
+    return add(parent, name, 1, std::string());
+  }
   uint32_t addStream(uint32_t parent, const std::u16string& name,
-                     std::string data);
+                     std::string data) {
+    return add(parent, name, 2, std::move(data));
+  }
 
   // Lays the file out and returns its bytes. Call once.
   std::string build();
@@ -70,9 +74,9 @@ class gxTestFileBuilder {
                std::string data);
 };
 
-// Little-endian stores and loads on a file's bytes.
-void gxPutU32(std::string& file, uint64_t offset, uint32_t value);
-void gxPutU16(std::string& file, uint64_t offset, uint16_t value);
+// Little-endian store of the low `width` bytes of `value`, and a load.
+void gxPutU32(std::string& file, uint64_t offset, uint32_t value,
+              int width = 4);
 uint32_t gxGetU32(const std::string& file, uint64_t offset);
 
 #endif  // GXSTORAGE_TESTS_SUPPORT_GXTESTFILEBUILDER_H_
