@@ -63,8 +63,8 @@ inline void gxFuzzWriteFile(const std::string& path, const uint8_t* data,
 
 // Resource bounds of one open: an input of at most 1 MiB must load in under
 // a second of CPU time (GXFUZZ_OPEN_LIMIT_MS overrides) and leave less than
-// 256 MiB of heap behind. Single allocations above 256 MiB are caught by
-// libFuzzer's -malloc_limit_mb.
+// 256 MiB, and less than eight times its own size plus 1 MiB, of heap behind.
+// Single allocations above 256 MiB are caught by libFuzzer's -malloc_limit_mb.
 class gxFuzzOpenBudget {
  public:
   explicit gxFuzzOpenBudget(size_t inputSize)
@@ -82,8 +82,13 @@ class gxFuzzOpenBudget {
         1000.0 * static_cast<double>(std::clock() - start_) / CLOCKS_PER_SEC;
     if (ms > limitMs) gxFuzzFail("open took longer than its time budget");
     const size_t heap = __sanitizer_get_current_allocated_bytes();
-    if (heap > heapBefore_ && heap - heapBefore_ > (size_t{256} << 20))
+    const size_t grown = heap > heapBefore_ ? heap - heapBefore_ : 0;
+    if (grown > (size_t{256} << 20))
       gxFuzzFail("open kept more than 256 MiB of heap");
+    // The loaded tables, tree and mini stream are bounded by what the file
+    // holds; counts in the header must not make them larger.
+    if (grown > 8 * inputSize_ + (size_t{1} << 20))
+      gxFuzzFail("open kept more heap than eight times the file's size");
   }
 
  private:
