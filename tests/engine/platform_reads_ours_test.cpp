@@ -3,7 +3,6 @@
 // show exactly the tree and bytes that the round-trip writer put into it.
 #ifdef _WIN32
 #include <gtest/gtest.h>
-
 #include <objbase.h>
 #include <objidl.h>
 
@@ -14,14 +13,17 @@
 #include <utility>
 #include <vector>
 
-// Defined with the round-trip tests: writes the seeded random trees (and one
-// file with DIFAT sectors) into `dir`, returning each file with its tree.
+// Defined with the round-trip tests: the seeded random trees (and one file
+// with DIFAT sectors) written into `dir`, each file with its tree.
 using gxRtTree = std::map<std::u16string, std::pair<bool, std::string>>;
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(const std::u16string& dir);
+std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
+    const std::u16string& dir);
+void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
 
 namespace {
 
-void readPlatform(IStorage* storage, const std::u16string& prefix, gxRtTree& tree) {
+void readPlatform(IStorage* storage, const std::u16string& prefix,
+                  gxRtTree& tree) {
   IEnumSTATSTG* e = nullptr;
   ASSERT_EQ(storage->EnumElements(0, nullptr, 0, &e), S_OK);
   STATSTG st;
@@ -31,7 +33,9 @@ void readPlatform(IStorage* storage, const std::u16string& prefix, gxRtTree& tre
     const DWORD mode = STGM_READ | STGM_SHARE_EXCLUSIVE;
     if (st.type == STGTY_STORAGE) {
       IStorage* child = nullptr;
-      EXPECT_EQ(storage->OpenStorage(st.pwcsName, nullptr, mode, nullptr, 0, &child), S_OK);
+      EXPECT_EQ(
+          storage->OpenStorage(st.pwcsName, nullptr, mode, nullptr, 0, &child),
+          S_OK);
       tree[path] = {true, {}};
       if (child != nullptr) {
         readPlatform(child, path, tree);
@@ -46,7 +50,8 @@ void readPlatform(IStorage* storage, const std::u16string& prefix, gxRtTree& tre
       std::string data(static_cast<size_t>(st.cbSize.QuadPart), '\0');
       ULONG got = 0;
       if (s != nullptr) {
-        if (!data.empty()) s->Read(&data[0], static_cast<ULONG>(data.size()), &got);
+        if (!data.empty())
+          s->Read(&data[0], static_cast<ULONG>(data.size()), &got);
         s->Release();
       }
       data.resize(got);
@@ -61,26 +66,20 @@ void readPlatform(IStorage* storage, const std::u16string& prefix, gxRtTree& tre
 
 TEST(PlatformReadsOursTest, StgOpenStorageSeesTreeAndBytesWritten) {
   namespace fs = std::filesystem;
-  const fs::path dir = fs::temp_directory_path() / ("gx-plat-" + std::to_string(std::random_device{}()));
+  const fs::path dir = fs::temp_directory_path() /
+                       ("gx-plat-" + std::to_string(std::random_device{}()));
   fs::create_directories(dir);
   for (const auto& [file, tree] : gxWriteRoundTripFiles(dir.u16string())) {
     SCOPED_TRACE(fs::path(file).filename().string());
     IStorage* root = nullptr;
-    ASSERT_EQ(StgOpenStorage(reinterpret_cast<const WCHAR*>(file.c_str()), nullptr,
-                             STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, &root),
-              S_OK);
+    ASSERT_EQ(
+        StgOpenStorage(reinterpret_cast<const WCHAR*>(file.c_str()), nullptr,
+                       STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, &root),
+        S_OK);
     gxRtTree seen;
     readPlatform(root, u"", seen);
     root->Release();
-    EXPECT_EQ(seen.size(), tree.size());
-    for (const auto& [path, value] : tree) {
-      auto found = seen.find(path);
-      ASSERT_NE(found, seen.end()) << fs::path(path).string();
-      EXPECT_EQ(found->second.first, value.first) << fs::path(path).string();
-      EXPECT_TRUE(found->second.second == value.second)
-          << fs::path(path).string() << ": " << found->second.second.size() << " of "
-          << value.second.size() << " bytes";
-    }
+    gxExpectSameTree(seen, tree);
   }
   fs::remove_all(dir);
 }

@@ -19,7 +19,9 @@
 // Element path (names joined by '/') -> (is a storage, stream bytes). Also
 // used by the platform reader test, hence outside the anonymous namespace.
 using gxRtTree = std::map<std::u16string, std::pair<bool, std::string>>;
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(const std::u16string& dir);
+std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
+    const std::u16string& dir);
+void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
 
 namespace {
 
@@ -47,7 +49,8 @@ std::vector<Element> randomPlan(uint32_t seed) {
     const std::u16string parent = storages[rng() % storages.size()];
     std::u16string name, folded;
     const size_t length = rng() % 4 == 0 ? 1 + rng() % 31 : 1 + rng() % 3;
-    for (size_t k = 0; k < length; ++k) name += alphabet[rng() % alphabet.size()];
+    for (size_t k = 0; k < length; ++k)
+      name += alphabet[rng() % alphabet.size()];
     for (char16_t c : name) folded += c >= u'A' && c <= u'Z' ? c + 32 : c;
     if (!taken.insert(parent + u"/" + folded).second) continue;
     Element e{parent.empty() ? name : parent + u"/" + name, rng() % 10 < 3, {}};
@@ -64,7 +67,8 @@ std::vector<Element> randomPlan(uint32_t seed) {
   return plan;
 }
 
-std::pair<std::u16string, std::u16string> splitPath(const std::u16string& path) {
+std::pair<std::u16string, std::u16string> splitPath(
+    const std::u16string& path) {
   const size_t slash = path.rfind(u'/');
   if (slash == std::u16string::npos) return {u"", path};
   return {path.substr(0, slash), path.substr(slash + 1)};
@@ -72,7 +76,8 @@ std::pair<std::u16string, std::u16string> splitPath(const std::u16string& path) 
 
 // Creates every element, then writes the streams in chunks of random sizes,
 // taking turns, so that their blocks interleave in the temporary file.
-void writePlan(const std::u16string& file, const std::vector<Element>& plan, uint32_t seed) {
+void writePlan(const std::u16string& file, const std::vector<Element>& plan,
+               uint32_t seed) {
   gxdIStorage* root = nullptr;
   ASSERT_EQ(gxdStgCreateStorage(file.c_str(), 0, &root), 0);
   std::map<std::u16string, gxdIStorage*> storages{{u"", root}};
@@ -80,7 +85,8 @@ void writePlan(const std::u16string& file, const std::vector<Element>& plan, uin
   for (const Element& e : plan) {
     const auto [parent, name] = splitPath(e.path);
     if (e.storage) {
-      ASSERT_EQ(storages[parent]->createStorage(name.c_str(), &storages[e.path]), 0);
+      ASSERT_EQ(
+          storages[parent]->createStorage(name.c_str(), &storages[e.path]), 0);
     } else {
       gxdIStream* s = nullptr;
       ASSERT_EQ(storages[parent]->createStream(name.c_str(), &s), 0);
@@ -95,7 +101,8 @@ void writePlan(const std::u16string& file, const std::vector<Element>& plan, uin
       const std::string& d = streams[i].second->data;
       if (done[i] == d.size()) continue;
       const size_t n = std::min<size_t>(
-          d.size() - done[i], rng() % 3 != 0 ? 1 + rng() % 1500 : 1 + rng() % 300000);
+          d.size() - done[i],
+          rng() % 3 != 0 ? 1 + rng() % 1500 : 1 + rng() % 300000);
       uint64_t written = 0;
       ASSERT_EQ(streams[i].first->write(d.data() + done[i], n, &written), 0);
       ASSERT_EQ(written, n);
@@ -127,7 +134,7 @@ gxRtTree readOurs(const std::u16string& file) {
   if (root == nullptr) return tree;
   for (const gxdInspectElement& e : inspector.elements()) {
     std::u16string path;
-    for (const std::u16string& n : e.names) path += (path.empty() ? u"" : u"/") + n;
+    for (const std::u16string& n : e.names) path += path.empty() ? n : u"/" + n;
     std::string data;
     if (!e.isStorage) {
       std::vector<gxdIStorage*> held;
@@ -156,7 +163,9 @@ gxRtTree readOurs(const std::u16string& file) {
   return tree;
 }
 
-std::u16string u16(const std::string& s) { return std::u16string(s.begin(), s.end()); }
+std::u16string u16(const std::string& s) {
+  return std::u16string(s.begin(), s.end());
+}
 
 #ifndef _WIN32
 std::string run(const std::string& command) {
@@ -193,11 +202,13 @@ void writeMirror(const std::filesystem::path& root, const gxRtTree& tree) {
 
 }  // namespace
 
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(const std::u16string& dir) {
+std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
+    const std::u16string& dir) {
   std::vector<std::pair<std::u16string, gxRtTree>> files;
   for (uint32_t seed = 1; seed <= 6; ++seed) {
     const std::vector<Element> plan = randomPlan(seed);
-    files.emplace_back(dir + u"/rt" + u16(std::to_string(seed)) + u".gxw", treeOf(plan));
+    files.emplace_back(dir + u"/rt" + u16(std::to_string(seed)) + u".gxw",
+                       treeOf(plan));
     writePlan(files.back().first, plan, seed);
   }
   // More than 109 FAT sectors: the FAT is listed in a DIFAT sector too.
@@ -205,33 +216,39 @@ std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(const std
                             {u"S", true, {}},
                             {u"S/small", false, std::string(100, 's')},
                             {u"S/large", false, std::string(5000, 'L')}};
-  for (size_t i = 0; i < plan[0].data.size(); ++i) plan[0].data[i] = static_cast<char>(i % 251);
+  for (size_t i = 0; i < plan[0].data.size(); ++i)
+    plan[0].data[i] = static_cast<char>(i % 251);
   files.emplace_back(dir + u"/difat.gxw", treeOf(plan));
   writePlan(files.back().first, plan, 99);
   return files;
 }
 
+void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written) {
+  EXPECT_EQ(seen.size(), written.size());
+  for (const auto& [path, value] : written) {
+    const std::string where = std::filesystem::path(path).string();
+    auto found = seen.find(path);
+    ASSERT_NE(found, seen.end()) << where;
+    EXPECT_EQ(found->second.first, value.first) << where;
+    EXPECT_TRUE(found->second.second == value.second)
+        << where << ": " << found->second.second.size() << " of "
+        << value.second.size();
+  }
+}
+
 TEST(RoundTripTest, RandomTreesReadBackByOurLoaderAndOlefile) {
   namespace fs = std::filesystem;
-  const fs::path dir = fs::temp_directory_path() / ("gx-rt-" + std::to_string(std::random_device{}()));
+  const fs::path dir = fs::temp_directory_path() /
+                       ("gx-rt-" + std::to_string(std::random_device{}()));
   fs::create_directories(dir);
   for (const auto& [file, tree] : gxWriteRoundTripFiles(dir.u16string())) {
     const std::string name = fs::path(file).filename().string();
     SCOPED_TRACE(name);
-    const gxRtTree ours = readOurs(file);
-    EXPECT_EQ(ours.size(), tree.size());
-    for (const auto& [path, value] : tree) {
-      auto found = ours.find(path);
-      ASSERT_NE(found, ours.end()) << fs::path(path).string();
-      EXPECT_EQ(found->second.first, value.first) << fs::path(path).string();
-      EXPECT_TRUE(found->second.second == value.second)
-          << fs::path(path).string() << ": " << found->second.second.size() << " of "
-          << value.second.size() << " bytes";
-    }
+    gxExpectSameTree(readOurs(file), tree);
 #ifndef _WIN32
     writeMirror(dir / (name + ".mirror"), tree);
-    const std::string script =
-        "/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR "/tests/tools/olefile_dump.py ";
+    const std::string script = "/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
+                               "/tests/tools/olefile_dump.py ";
     const std::string olefile = run(script + fs::path(file).string() + " 2>&1");
     EXPECT_EQ(olefile, run(script + (dir / (name + ".mirror")).string()));
     EXPECT_NE(olefile, "");

@@ -33,7 +33,9 @@ struct FaultDoc {
       add(2, i == 1 ? &storages[0] : &cf.rootEntry, &streams[i]);
       add(3, &streams[i], &blocks[i]);
     }
-    auto full = [&](int i) { return blocks[i].size() * 512 >= streams[i].size; };
+    auto full = [&](int i) {
+      return blocks[i].size() * 512 >= streams[i].size;
+    };
     for (uint32_t b = 0;; ++b) {
       int i = b % 4;
       for (int k = 0; k < 4 && full(i); ++k) i = (i + 1) % 4;
@@ -67,15 +69,12 @@ TEST(SaveFaultsTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
       EXPECT_LE(d.out.buf().data().size(), whole.size()) << n;
     }
   }
-  {
-    SCOPED_TRACE("output refuses seeks or writes");
-    FaultDoc seeks, writes;
-    seeks.out.buf().refuseSeeks = true;
-    writes.out.buf().refuseWrites = true;
-    seeks.cf.save();
-    writes.cf.save();
-    EXPECT_TRUE(seeks.out.fail());
-    EXPECT_TRUE(writes.out.fail());
+  for (bool seeks : {false, true}) {
+    SCOPED_TRACE(seeks ? "output refuses seeks" : "output refuses writes");
+    FaultDoc d;
+    (seeks ? d.out.buf().refuseSeeks : d.out.buf().refuseWrites) = true;
+    d.cf.save();
+    EXPECT_TRUE(d.out.fail());
   }
   {
     SCOPED_TRACE("temporary file reads fail after N bytes");
