@@ -7,14 +7,6 @@
 
 namespace {
 
-struct Loaded {
-  explicit Loaded(std::string bytes)
-      : stream(std::move(bytes)), file(&stream, nullptr, true) {}
-  bool ok() const { return !stream.fail(); }
-  gxFaultStream stream;
-  gxdCompoundFile file;
-};
-
 template <typename Entry>
 std::u16string names(const std::vector<Entry>& v) {
   std::u16string s;
@@ -47,9 +39,10 @@ TEST(Directory, WalkOrderSkippedTypesAndNames) {
   b.entries[B].left = A;
   b.entries[B].right = C;
   b.entries[C].left = B;  // already visited
-  Loaded l(b.build());
-  ASSERT_TRUE(l.ok());
-  const gxdStorageEntry& root = l.file.rootEntry;
+  gxFaultStream stream(b.build());
+  gxdCompoundFile f(&stream, nullptr, true);
+  ASSERT_FALSE(stream.fail());
+  const gxdStorageEntry& root = f.rootEntry;
   EXPECT_EQ(u"Root Entry", root.name);
   ASSERT_EQ(2u, root.storages.size());
   EXPECT_EQ(std::u16string(32, u'x') + u",St,", names(root.storages));
@@ -60,47 +53,34 @@ TEST(Directory, WalkOrderSkippedTypesAndNames) {
 
 TEST(Directory, LookupsAreExactAndTheTreeHoldsCopies) {
   gxTestFileBuilder b;
-  uint32_t data = b.addStorage(0, u"Data");
-  b.addStream(data, u"inner", std::string(10, 'i'));
+  b.addStream(b.addStorage(0, u"Data"), u"inner", std::string(10, 'i'));
   b.addStream(0, u"Data", std::string(20, 'd'));
-  Loaded l(b.build());
-  ASSERT_TRUE(l.ok());
-  gxdCompoundFile& f = l.file;
-  {
-    SCOPED_TRACE("a stream and a storage of the same name");
-    gxdStorageEntry st;
-    st.name = u"Data";
-    ASSERT_TRUE(f.findOrAddStorage(nullptr, st, false));
-    EXPECT_EQ(u"inner,", names(st.streams));
-    gxdDirEntry sm;
-    sm.name = u"Data";
-    ASSERT_TRUE(f.findOrAddStream(nullptr, sm, false));
-    EXPECT_EQ(20u, sm.size);
-  }
-  {
-    SCOPED_TRACE("case-sensitive: data is not Data; nothing is added");
-    gxdDirEntry sm;
-    sm.name = u"data";
-    EXPECT_FALSE(f.findOrAddStream(nullptr, sm, false));
-    gxdStorageEntry st;
-    st.name = u"DATA";
-    EXPECT_FALSE(f.findOrAddStorage(nullptr, st, false));
-    EXPECT_EQ(1u, f.rootEntry.streams.size());
-    EXPECT_EQ(1u, f.rootEntry.storages.size());
-  }
-  {
-    SCOPED_TRACE("the tree holds copies, never references");
-    gxdStorageEntry added;
-    added.name = u"New";
-    EXPECT_FALSE(f.findOrAddStorage(nullptr, added, true));
-    added.streams.push_back(gxdDirEntry());  // after the copy was appended
-    gxdStorageEntry again;
-    again.name = u"New";
-    ASSERT_TRUE(f.findOrAddStorage(nullptr, again, true));
-    EXPECT_TRUE(again.streams.empty());
-    EXPECT_EQ(2u, f.rootEntry.storages.size());
-    EXPECT_TRUE(f.rootEntry.storages[1].streams.empty());
-  }
+  gxFaultStream stream(b.build());
+  gxdCompoundFile f(&stream, nullptr, true);
+  ASSERT_FALSE(stream.fail());
+  // A stream and a storage of the same name are found independently.
+  gxdStorageEntry st, lower, added, again;
+  gxdDirEntry sm, data;
+  st.name = sm.name = u"Data";
+  ASSERT_TRUE(f.findOrAddStorage(nullptr, st, false));
+  EXPECT_EQ(u"inner,", names(st.streams));
+  ASSERT_TRUE(f.findOrAddStream(nullptr, sm, false));
+  EXPECT_EQ(20u, sm.size);
+  // Names compare exactly; a failed lookup that must not create adds nothing.
+  lower.name = u"DATA";
+  data.name = u"data";
+  EXPECT_FALSE(f.findOrAddStorage(nullptr, lower, false));
+  EXPECT_FALSE(f.findOrAddStream(nullptr, data, false));
+  EXPECT_EQ(u"Data,", names(f.rootEntry.storages));
+  EXPECT_EQ(1u, f.rootEntry.streams.size());
+  // The tree holds a copy: what is added to the caller's entry afterwards
+  // does not appear in it.
+  added.name = again.name = u"New";
+  EXPECT_FALSE(f.findOrAddStorage(nullptr, added, true));
+  added.streams.push_back(gxdDirEntry());
+  ASSERT_TRUE(f.findOrAddStorage(nullptr, again, true));
+  EXPECT_TRUE(again.streams.empty());
+  EXPECT_EQ(u"Data,New,", names(f.rootEntry.storages));
 }
 
 // A chain of 100,000 right siblings must not cost a stack frame per link.
@@ -109,10 +89,11 @@ TEST(Directory, LongSiblingChainLoads) {
   const uint32_t count = 100000;
   for (uint32_t i = 0; i < count; ++i)
     b.addStream(0, u"s" + std::u16string(1, char16_t(u'0' + i % 10)), "");
-  Loaded l(b.build());
-  ASSERT_TRUE(l.ok());
-  ASSERT_EQ(count, l.file.rootEntry.streams.size());
-  EXPECT_EQ(u"s9", l.file.rootEntry.streams[count - 1].name);
+  gxFaultStream stream(b.build());
+  gxdCompoundFile f(&stream, nullptr, true);
+  ASSERT_FALSE(stream.fail());
+  ASSERT_EQ(count, f.rootEntry.streams.size());
+  EXPECT_EQ(u"s9", f.rootEntry.streams[count - 1].name);
 }
 
 }  // namespace

@@ -83,31 +83,21 @@ std::string gxTestFileBuilder::build() {
   }
   std::vector<uint32_t> fat(size_t(nFat) * perSector, kNone);
   uint32_t next = 0;
-  // Gives the next `count` sectors, chained in the FAT, to a structure.
-  auto chain = [&](uint32_t count, std::vector<uint32_t>* out) {
-    uint32_t first = count ? next : kEnd;
+  // Gives the next `count` sectors to a structure: FAT and DIFAT sectors
+  // carry their mark in the FAT, the others are chained.
+  auto take = [&](uint32_t count, std::vector<uint32_t>& out, uint32_t mark) {
+    out.clear();
     for (uint32_t i = 0; i < count; ++i, ++next) {
-      fat[next] = i + 1 < count ? next + 1 : kEnd;
-      if (out) out->push_back(next);
+      fat[next] = mark ? mark : i + 1 < count ? next + 1 : kEnd;
+      out.push_back(next);
     }
-    return first;
   };
-  fatSectors.clear();
-  difatSectors.clear();
-  directorySectors.clear();
-  miniFatSectors.clear();
-  miniStreamSectors.clear();
-  for (uint32_t i = 0; i < nFat; ++i, ++next) {
-    fat[next] = kFatMark;
-    fatSectors.push_back(next);
-  }
-  for (uint32_t i = 0; i < nDifat; ++i, ++next) {
-    fat[next] = kDifatMark;
-    difatSectors.push_back(next);
-  }
-  chain(nDir, &directorySectors);
-  chain(nMiniFat, &miniFatSectors);
-  entries[0].startSector = chain(nMini, &miniStreamSectors);
+  take(nFat, fatSectors, kFatMark);
+  take(nDifat, difatSectors, kDifatMark);
+  take(nDir, directorySectors, 0);
+  take(nMiniFat, miniFatSectors, 0);
+  take(nMini, miniStreamSectors, 0);
+  entries[0].startSector = nMini ? miniStreamSectors[0] : kEnd;
   metadataEnd = sectorOffset(next - 1) + sectorSize;
   if (nMini != 0)
     metadataEnd -= uint64_t(nMini) * sectorSize - miniStreamLength;
