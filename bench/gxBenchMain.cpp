@@ -244,7 +244,7 @@ void removeScratch(const Paths& paths) {
 int usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s [--repetitions N] [--only W1,W3,...] [--dir DIR] "
-               "[--keep]\n",
+               "[--keep] [--no-prepare]\n",
                program);
   return 2;
 }
@@ -257,6 +257,7 @@ int main(int argc, char** argv) {
   int repetitions = 5;
   std::string only, dir;
   bool keep = false;
+  bool prepare = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--repetitions" && i + 1 < argc) {
@@ -267,6 +268,8 @@ int main(int argc, char** argv) {
       dir = argv[++i];
     } else if (arg == "--keep") {
       keep = true;
+    } else if (arg == "--no-prepare") {
+      prepare = false;  // reuse the inputs a --keep run left in --dir
     } else {
       return usage(argv[0]);
     }
@@ -300,7 +303,9 @@ int main(int argc, char** argv) {
               repetitions);
   std::fflush(stdout);
 
-  Result prepared = inChild([&](FILE* out) {
+  Result prepared;
+  prepared.ok = true;
+  if (prepare) prepared = inChild([&](FILE* out) {
     std::string error;
     if (!prepareLimit(paths, &error) || !prepareOurs(paths, &error) ||
         !verifyWithGsf(paths, &error))

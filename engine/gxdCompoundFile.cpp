@@ -7,6 +7,7 @@
 // file stream.
 #include "engine/gxdCompoundFile.h"
 
+#include <algorithm>
 #include <cstring>
 #include <istream>
 #include <unordered_set>
@@ -194,13 +195,21 @@ bool gxdCompoundFile::loadMiniFat() {
   }
   const uint32_t perSector = sectorSize / 4;
   miniFat.assign(static_cast<size_t>(chain.size()) * perSector, kFreeSect);
-  std::vector<uint8_t> sector(sectorSize);
-  for (size_t i = 0; i < chain.size(); ++i) {
-    if (!readAt(sectorOffset(chain[i], header.sectorShift), sector.data(),
-                sectorSize))
+  // Consecutive sectors are read with one call, at most kRunSectors at once.
+  constexpr size_t kRunSectors = 128;
+  std::vector<uint8_t> bytes(kRunSectors * sectorSize);
+  size_t i = 0;
+  while (i < chain.size()) {
+    size_t run = 1;
+    while (run < kRunSectors && i + run < chain.size() &&
+           chain[i + run] == chain[i] + run)
+      ++run;
+    if (!readAt(sectorOffset(chain[i], header.sectorShift), bytes.data(),
+                run * sectorSize))
       return false;
-    for (uint32_t k = 0; k < perSector; ++k)
-      miniFat[i * perSector + k] = loadU32(sector.data() + 4 * k);
+    for (size_t k = 0; k < run * perSector; ++k)
+      miniFat[i * perSector + k] = loadU32(bytes.data() + 4 * k);
+    i += run;
   }
   return fileStream->good();
 }
@@ -246,13 +255,18 @@ bool gxdCompoundFile::loadMiniStream() {
     return false;
   }
   miniStream.assign(length, 0);
-  uint32_t remaining = length;
-  for (size_t i = 0; i < chain.size(); ++i) {
-    uint32_t n = remaining < sectorSize ? remaining : sectorSize;
+  // Consecutive sectors are read with one call; only the last sector of the
+  // chain may be partly used.
+  size_t i = 0;
+  while (i < chain.size()) {
+    size_t run = 1;
+    while (i + run < chain.size() && chain[i + run] == chain[i] + run) ++run;
+    const uint64_t from = static_cast<uint64_t>(i) * sectorSize;
+    const uint64_t n = std::min<uint64_t>(run * sectorSize, length - from);
     if (!readAt(sectorOffset(chain[i], header.sectorShift),
-                miniStream.data() + i * sectorSize, n))
+                miniStream.data() + from, static_cast<size_t>(n)))
       return false;
-    remaining -= n;
+    i += run;
   }
   return true;
 }

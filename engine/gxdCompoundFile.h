@@ -148,6 +148,11 @@ class gxdCompoundFile {
   uint8_t* directoryRecord(uint32_t index);
   void writeOutput(uint64_t offset, const void* data, size_t size);
   void readTemp(uint64_t offset, void* data, size_t size);
+  // Serves a small read of the temporary file from one of two windows read
+  // ahead, so that alternating between two places (the whole blocks of a
+  // stream, then its last block flushed at commit) costs no seek per block.
+  // False when the bytes could not be read.
+  bool readTempWindowed(uint64_t offset, void* data, size_t size);
   void writeChain(const std::vector<uint32_t>& sectors, const uint8_t* data,
                   uint32_t* firstField);
 
@@ -158,6 +163,13 @@ class gxdCompoundFile {
   uint64_t outputAt_ = UINT64_MAX;  // where the output's put position stands
   uint64_t tempAt_ = UINT64_MAX;    // where the temp file's position stands
   bool tempWriting_ = false;        // the temp file's last transfer was a write
+  struct TempWindow {
+    uint64_t at = UINT64_MAX;  // temp file offset of bytes[0]; none if MAX
+    uint64_t lastUse = 0;
+    std::vector<uint8_t> bytes;
+  };
+  TempWindow tempWindows_[2];
+  uint64_t tempWindowUses_ = 0;
 };
 
 #endif  // GXSTORAGE_ENGINE_GXDCOMPOUNDFILE_H_

@@ -13,6 +13,10 @@ namespace {
 constexpr uint32_t kMaxTempBlocks = 0x80000000u / kTempBlockSize;
 // Large streams move through the save in batches of this many sectors.
 constexpr uint32_t kBatchSectors = 128;
+// Appends of fewer blocks than this go through the temporary file's buffer.
+constexpr uint32_t kBufferedBlocks = 16;
+// Read-ahead windows over the temporary file, for reads up to half this.
+constexpr size_t kTempWindowSize = 64 * 1024;
 }  // namespace
 
 uint32_t gxdCompoundFile::tempBlocksLeft() const {
@@ -35,9 +39,20 @@ uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data,
   // seek between the two; appends in a row need none.
   if (tempAt_ != offset || !tempWriting_)
     tempStream->seekp(static_cast<std::streamoff>(offset));
-  tempStream->write(reinterpret_cast<const char*>(data),
-                    static_cast<std::streamsize>(count) * kTempBlockSize);
+  if (count < kBufferedBlocks) {
+    // A file stream's buffer takes a piece smaller than itself but hands a
+    // larger one straight to the system: the few blocks of a small stream go
+    // in one by one, so that many small streams cost no system call each.
+    for (uint32_t b = 0; b < count && tempStream->good(); ++b)
+      tempStream->write(reinterpret_cast<const char*>(data) +
+                            size_t{b} * kTempBlockSize,
+                        kTempBlockSize);
+  } else {
+    tempStream->write(reinterpret_cast<const char*>(data),
+                      static_cast<std::streamsize>(count) * kTempBlockSize);
+  }
   tempWriting_ = true;
+  for (TempWindow& w : tempWindows_) w.at = UINT64_MAX;
   tempAt_ = tempStream->good() ? offset + uint64_t{count} * kTempBlockSize
                                : UINT64_MAX;
   lastTempBlock += count;
@@ -57,6 +72,11 @@ void gxdCompoundFile::readTemp(uint64_t offset, void* data, size_t size) {
     fileStream->setstate(std::ios::failbit);
     return;
   }
+  if (size <= kTempWindowSize / 2) {
+    if (!readTempWindowed(offset, data, size))
+      fileStream->setstate(std::ios::failbit);
+    return;
+  }
   if (tempAt_ != offset || tempWriting_)
     tempStream->seekg(static_cast<std::streamoff>(offset));
   tempStream->read(static_cast<char*>(data),
@@ -65,6 +85,38 @@ void gxdCompoundFile::readTemp(uint64_t offset, void* data, size_t size) {
   tempAt_ = tempStream->good() ? offset + size : UINT64_MAX;
   if (tempStream->gcount() != static_cast<std::streamsize>(size))
     fileStream->setstate(std::ios::failbit);
+}
+
+bool gxdCompoundFile::readTempWindowed(uint64_t offset, void* data,
+                                       size_t size) {
+  for (TempWindow& w : tempWindows_) {
+    if (w.at != UINT64_MAX && offset >= w.at &&
+        offset + size <= w.at + w.bytes.size()) {
+      std::memcpy(data, w.bytes.data() + (offset - w.at), size);
+      w.lastUse = ++tempWindowUses_;
+      return true;
+    }
+  }
+  TempWindow& w = tempWindows_[0].lastUse <= tempWindows_[1].lastUse
+                      ? tempWindows_[0]
+                      : tempWindows_[1];
+  w.at = UINT64_MAX;
+  w.bytes.resize(kTempWindowSize);
+  tempStream->seekg(static_cast<std::streamoff>(offset));
+  tempStream->read(reinterpret_cast<char*>(w.bytes.data()),
+                   static_cast<std::streamsize>(kTempWindowSize));
+  const size_t got = static_cast<size_t>(tempStream->gcount());
+  tempWriting_ = false;
+  tempAt_ = UINT64_MAX;
+  if (got < size) return false;
+  // A window cut short by the end of the file still holds the bytes asked
+  // for; whatever lies beyond is read (and fails) when it is asked for.
+  tempStream->clear();
+  w.bytes.resize(got);
+  w.at = offset;
+  w.lastUse = ++tempWindowUses_;
+  std::memcpy(data, w.bytes.data(), size);
+  return true;
 }
 
 void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,

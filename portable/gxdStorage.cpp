@@ -44,6 +44,10 @@ gxdStorage::gxdStorage(const char16_t* pathIn, bool openExisting)
       compoundFile(nullptr),
       path(pathIn != nullptr ? pathIn : u""),
       refCount(1) {
+  // An opened file is only read at explicit offsets, in sectors or runs of
+  // them, and every read starts with a seek that drops whatever a stream
+  // buffer holds: unbuffered, each read moves exactly its bytes.
+  if (openExisting) fileStream->rdbuf()->pubsetbuf(nullptr, 0);
   pdOpenFile(path.c_str(), openExisting ? kPdOpenRead : kPdOpenCreate,
              *fileStream);
   if (openExisting) {
