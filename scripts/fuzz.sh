@@ -78,9 +78,11 @@ for t in "${targets[@]}"; do
   mkdir -p "$seeds"
   # Writer inputs are call scripts; file inputs may be as large as the
   # largest seed (a file with a DIFAT sector is about 64 KiB).
-  max_len=65536
-  [[ $t == writer ]] && max_len=4096
+  max_len=65536 len_control=100
+  # Call scripts gain nothing from growing slowly.
+  [[ $t == writer ]] && max_len=4096 len_control=0
   common=(-rss_limit_mb=512 -malloc_limit_mb=256 -timeout=5 -max_len=$max_len
+          -len_control=$len_control
           -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-")
   if [[ $smoke -eq 1 ]]; then
     work=$(mktemp -d)
