@@ -14,13 +14,15 @@
 namespace gxbench {
 
 // ---- Workload parameters ----------------------------------------------
-constexpr uint64_t kLargeSize = 256ull << 20;  // W1 stream: 256 MiB
-constexpr size_t kLargeChunk = 64 << 10;       // W1/W3 transfers: 64 KiB
-constexpr uint32_t kSmallCount = 10000;        // W2 streams
-constexpr uint32_t kStorageCount = 100;        // W2 storages
-constexpr uint32_t kSmallMax = 4000;           // W2 sizes are 1..kSmallMax
-constexpr uint32_t kRandomReads = 10000;       // W6 reads
-constexpr size_t kRandomSize = 4096;           // W6 read size
+// W1 stream size: 256 MiB unless --large-mib says otherwise (used to show
+// how peak memory follows the stream size).
+extern uint64_t kLargeSize;
+constexpr size_t kLargeChunk = 64 << 10;  // W1/W3 transfers: 64 KiB
+constexpr uint32_t kSmallCount = 10000;   // W2 streams
+constexpr uint32_t kStorageCount = 100;   // W2 storages
+constexpr uint32_t kSmallMax = 4000;      // W2 sizes are 1..kSmallMax
+constexpr uint32_t kRandomReads = 10000;  // W6 reads
+constexpr size_t kRandomSize = 4096;      // W6 read size
 constexpr uint64_t kLargeSeed = 0x6C61726765ull;
 constexpr uint64_t kSmallSeed = 0x736D616C6Cull;
 constexpr uint64_t kOffsetSeed = 0x72616E646Full;
@@ -60,10 +62,10 @@ struct Paths {
   std::string dir;
   std::string file(const char* name) const { return dir + "/" + name; }
   // Inputs made once by the preparation step.
-  std::string largeFile() const { return file("w1.gxs"); }   // ours, W1 data
-  std::string largeRaw() const { return file("w1.raw"); }    // plain W1 data
-  std::string smallFile() const { return file("w2.gxs"); }   // ours, W2 data
-  std::string smallRaw() const { return file("w2.raw"); }    // W2 end to end
+  std::string largeFile() const { return file("w1.gxs"); }  // ours, W1 data
+  std::string largeRaw() const { return file("w1.raw"); }   // plain W1 data
+  std::string smallFile() const { return file("w2.gxs"); }  // ours, W2 data
+  std::string smallRaw() const { return file("w2.raw"); }   // W2 end to end
   // Outputs of the write workloads, removed before every iteration.
   std::string output(const char* impl) const {
     return file((std::string("out-") + impl + ".gxs").c_str());
@@ -100,8 +102,8 @@ using WorkloadFn = bool (*)(const Paths& paths, double* seconds,
                             std::string* error);
 
 struct Implementation {
-  const char* name;     // "ours", "limit", "libgsf"
-  WorkloadFn run[6];    // W1..W6; null when not provided
+  const char* name;   // "ours", "limit", "libgsf"
+  WorkloadFn run[6];  // W1..W6; null when not provided
 };
 
 const Implementation& oursImplementation();

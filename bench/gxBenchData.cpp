@@ -8,6 +8,8 @@
 
 namespace gxbench {
 
+uint64_t kLargeSize = 256ull << 20;
+
 uint64_t mix(uint64_t seed, uint64_t word) {
   uint64_t z = seed * 0xD1B54A32D192ED03ull + word * 0x9E3779B97F4A7C15ull;
   z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;

@@ -183,11 +183,10 @@ bool readSmall(const std::string& path, bool probeOnly, Timer& timer,
       storage = gsf_infile_child_by_name(
           file, SmallSet::storageName(SmallSet::storageOf(j)).c_str());
     }
-    GsfInput* stream =
-        storage != nullptr
-            ? gsf_infile_child_by_name(GSF_INFILE(storage),
-                                       SmallSet::streamName(j).c_str())
-            : nullptr;
+    GsfInput* stream = storage != nullptr ? gsf_infile_child_by_name(
+                                                GSF_INFILE(storage),
+                                                SmallSet::streamName(j).c_str())
+                                          : nullptr;
     const size_t n =
         stream != nullptr ? static_cast<size_t>(gsf_input_size(stream)) : 0;
     ok = stream != nullptr && n <= data.size() &&
@@ -262,7 +261,8 @@ bool w6(const Paths& paths, double* seconds, std::string* error) {
     ok = !gsf_input_seek(stream, static_cast<gsf_off_t>(offset), G_SEEK_SET) &&
          gsf_input_read(stream, data.size(), data.data()) != nullptr;
     timer.stop();
-    ok = ok && checkBytes(kLargeSeed, offset, data.data(), data.size(), scratch);
+    ok =
+        ok && checkBytes(kLargeSeed, offset, data.data(), data.size(), scratch);
   }
   unref(stream);
   unref(file);

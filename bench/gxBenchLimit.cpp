@@ -130,8 +130,8 @@ bool w1(const Paths& paths, double* seconds, std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
-  const bool ok = writeLargeRaw(out, timer, error) &&
-                  readLargeRaw(out, unused, error);
+  const bool ok =
+      writeLargeRaw(out, timer, error) && readLargeRaw(out, unused, error);
   *seconds = timer.seconds();
   removeOutput(out);
   return ok;
@@ -141,8 +141,8 @@ bool w2(const Paths& paths, double* seconds, std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
-  const bool ok = writeSmallRaw(out, timer, error) &&
-                  readSmallRaw(out, unused, error);
+  const bool ok =
+      writeSmallRaw(out, timer, error) && readSmallRaw(out, unused, error);
   *seconds = timer.seconds();
   removeOutput(out);
   return ok;
@@ -194,8 +194,8 @@ bool w6(const Paths& paths, double* seconds, std::string* error) {
   bool ok = true;
   for (uint64_t offset : randomOffsets()) {
     timer.start();
-    const ssize_t done = ::pread(fd, data.data(), data.size(),
-                                 static_cast<off_t>(offset));
+    const ssize_t done =
+        ::pread(fd, data.data(), data.size(), static_cast<off_t>(offset));
     timer.stop();
     if (done != static_cast<ssize_t>(kRandomSize) ||
         !checkBytes(kLargeSeed, offset, data.data(), data.size(), scratch)) {

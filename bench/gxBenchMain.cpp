@@ -43,9 +43,9 @@ struct Workload {
 };
 
 const Workload kWorkloads[6] = {
-    {"W1", "write 256 MiB stream, 64 KiB chunks", true, 1},
+    {"W1", "write large stream, 64 KiB chunks", true, 1},
     {"W2", "write 10,000 small streams / 100 storages", false, 1},
-    {"W3", "read 256 MiB stream, 64 KiB chunks", true, 1},
+    {"W3", "read large stream, 64 KiB chunks", true, 1},
     {"W4", "read all 10,000 small streams", false, 1},
     {"W5", "open 10,100 entries, first byte of one", false, 5},
     {"W6", "10,000 random 4 KiB reads (seek+read)", false, 1},
@@ -95,19 +95,18 @@ void runChild(const char* program, const Workload& w, WorkloadFn fn,
   char* argv[] = {const_cast<char*>(program), nullptr};
   benchmark::Initialize(&argc, argv);
   const std::string name = std::string(w.id) + "/" + implName;
-  benchmark::RegisterBenchmark(
-      name.c_str(),
-      [fn, &paths](benchmark::State& state) {
-        for (auto _ : state) {
-          double seconds = 0;
-          std::string error;
-          if (!fn(paths, &seconds, &error)) {
-            state.SkipWithError(error.c_str());
-            break;
-          }
-          state.SetIterationTime(seconds);
-        }
-      })
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [fn, &paths](benchmark::State& state) {
+                                 for (auto _ : state) {
+                                   double seconds = 0;
+                                   std::string error;
+                                   if (!fn(paths, &seconds, &error)) {
+                                     state.SkipWithError(error.c_str());
+                                     break;
+                                   }
+                                   state.SetIterationTime(seconds);
+                                 }
+                               })
       ->UseManualTime()
       ->Iterations(w.iterations)
       ->Repetitions(repetitions)
@@ -115,9 +114,9 @@ void runChild(const char* program, const Workload& w, WorkloadFn fn,
   Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
   if (!collector.error.empty() || collector.seconds.empty()) {
-    std::fprintf(out, "error %s\n", collector.error.empty()
-                                        ? "no result"
-                                        : collector.error.c_str());
+    std::fprintf(
+        out, "error %s\n",
+        collector.error.empty() ? "no result" : collector.error.c_str());
     return;
   }
   const auto mm =
@@ -234,9 +233,10 @@ std::string chooseScratch(std::string* where) {
 }
 
 void removeScratch(const Paths& paths) {
-  const char* files[] = {"w1.gxs", "w1.$t$", "w1.raw", "w2.gxs", "w2.$t$",
-                         "w2.raw", "out-ours.gxs", "out-ours.$t$",
-                         "out-limit.gxs", "out-libgsf.gxs"};
+  const char* files[] = {"w1.gxs",        "w1.$t$",       "w1.raw",
+                         "w2.gxs",        "w2.$t$",       "w2.raw",
+                         "out-ours.gxs",  "out-ours.$t$", "out-limit.gxs",
+                         "out-libgsf.gxs"};
   for (const char* f : files) ::unlink(paths.file(f).c_str());
   ::rmdir(paths.dir.c_str());
 }
@@ -244,7 +244,7 @@ void removeScratch(const Paths& paths) {
 int usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s [--repetitions N] [--only W1,W3,...] [--dir DIR] "
-               "[--keep] [--no-prepare]\n",
+               "[--keep] [--no-prepare] [--large-mib N]\n",
                program);
   return 2;
 }
@@ -266,6 +266,8 @@ int main(int argc, char** argv) {
       only = argv[++i];
     } else if (arg == "--dir" && i + 1 < argc) {
       dir = argv[++i];
+    } else if (arg == "--large-mib" && i + 1 < argc) {
+      kLargeSize = uint64_t{std::max(1u, unsigned(std::atoi(argv[++i])))} << 20;
     } else if (arg == "--keep") {
       keep = true;
     } else if (arg == "--no-prepare") {
@@ -292,27 +294,32 @@ int main(int argc, char** argv) {
   const Implementation* gsf = gsfImplementation();
   impls.push_back(gsf);
 
-  std::printf("gxStorage benchmark: portable backend through the exported "
-              "interface\n");
+  std::printf(
+      "gxStorage benchmark: portable backend through the exported "
+      "interface\n");
   std::printf("scratch directory: %s\n  %s\n", paths.dir.c_str(),
               where.c_str());
   std::printf("peer: %s\n", gsf != nullptr ? "libgsf (stdio input/output)"
                                            : "libgsf not built in");
-  std::printf("%d repetitions per cell, median shown; each cell ran in its "
-              "own child process\n",
-              repetitions);
+  std::printf("large stream (W1, W3, W6): %llu MiB\n",
+              static_cast<unsigned long long>(kLargeSize >> 20));
+  std::printf(
+      "%d repetitions per cell, median shown; each cell ran in its "
+      "own child process\n",
+      repetitions);
   std::fflush(stdout);
 
   Result prepared;
   prepared.ok = true;
-  if (prepare) prepared = inChild([&](FILE* out) {
-    std::string error;
-    if (!prepareLimit(paths, &error) || !prepareOurs(paths, &error) ||
-        !verifyWithGsf(paths, &error))
-      std::fprintf(out, "error %s\n", error.c_str());
-    else
-      std::fprintf(out, "ok 0 0 0\n");
-  });
+  if (prepare)
+    prepared = inChild([&](FILE* out) {
+      std::string error;
+      if (!prepareLimit(paths, &error) || !prepareOurs(paths, &error) ||
+          !verifyWithGsf(paths, &error))
+        std::fprintf(out, "error %s\n", error.c_str());
+      else
+        std::fprintf(out, "ok 0 0 0\n");
+    });
   if (!prepared.ok) {
     std::fprintf(stderr, "preparing the input files failed: %s\n",
                  prepared.error.c_str());
@@ -322,12 +329,13 @@ int main(int argc, char** argv) {
   // The floor every peak includes: a child that runs an empty workload.
   Workload idle = {"W0", "idle", false, 1};
   Result floor = inChild([&](FILE* out) {
-    runChild(argv[0], idle,
-             [](const Paths&, double* s, std::string*) {
-               *s = 1e-9;
-               return true;
-             },
-             "idle", paths, 1, out);
+    runChild(
+        argv[0], idle,
+        [](const Paths&, double* s, std::string*) {
+          *s = 1e-9;
+          return true;
+        },
+        "idle", paths, 1, out);
   });
 
   Result results[6][3];
@@ -378,6 +386,35 @@ int main(int argc, char** argv) {
                   results[w][0].minSeconds * 1e3,
                   results[w][0].maxSeconds * 1e3);
   std::printf("\n");
+
+  // The goals, read off the medians above.
+  struct Goal {
+    const char* text;
+    int workload, other;  // other: 1 limit, 2 libgsf
+    double atLeast;       // speed ratio ours/other
+  };
+  const Goal goals[] = {{"W3 at least 0.9x the plain read", 2, 1, 0.9},
+                        {"W6 within 2x of the plain preads", 5, 1, 0.5},
+                        {"W4 ahead of libgsf", 3, 2, 1.0},
+                        {"W5 ahead of libgsf", 4, 2, 1.0},
+                        {"W1 at least 0.5x libgsf", 0, 2, 0.5},
+                        {"W2 ahead of libgsf", 1, 2, 1.0}};
+  std::printf("\ngoals:\n");
+  for (const Goal& g : goals) {
+    const Result& ours = results[g.workload][0];
+    const Result& other = results[g.workload][g.other];
+    if (!ours.ok || !other.ok) continue;
+    const double r = other.seconds / ours.seconds;
+    std::printf("  %-36s %6.2fx  %s\n", g.text, r,
+                r >= g.atLeast ? "met" : "MISSED");
+  }
+  const double fatMiB = static_cast<double>(kLargeSize) / 512 * 4 / (1 << 20);
+  if (results[0][0].ran || results[2][0].ran)
+    std::printf(
+        "  %-36s W1 %.1f MiB, W3 %.1f MiB over the %.1f MiB floor; "
+        "the stream's FAT is %.1f MiB\n",
+        "W1/W3 peak memory", results[0][0].peakMiB - floor.peakMiB,
+        results[2][0].peakMiB - floor.peakMiB, floor.peakMiB, fatMiB);
 
   if (!keep) removeScratch(paths);
   return failed ? 1 : 0;
