@@ -44,9 +44,9 @@ uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data,
     // larger one straight to the system: the few blocks of a small stream go
     // in one by one, so that many small streams cost no system call each.
     for (uint32_t b = 0; b < count && tempStream->good(); ++b)
-      tempStream->write(reinterpret_cast<const char*>(data) +
-                            size_t{b} * kTempBlockSize,
-                        kTempBlockSize);
+      tempStream->write(
+          reinterpret_cast<const char*>(data) + size_t{b} * kTempBlockSize,
+          kTempBlockSize);
   } else {
     tempStream->write(reinterpret_cast<const char*>(data),
                       static_cast<std::streamsize>(count) * kTempBlockSize);
