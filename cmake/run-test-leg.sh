@@ -7,7 +7,8 @@
 # COUNT-MODE says what a "test" is in the summary:
 #   ctest   one CTest test (native: one per GoogleTest case and script);
 #   gtest   the GoogleTest cases inside the CTest tests (cross build: one CTest
-#           test per executable, run under Wine), read from CTest's log.
+#           test per executable, run under Wine), read from CTest's log
+#           (Testing/Temporary/LastTest.log, which keeps every test's output).
 # The leg fails when ctest fails, when no test ran, or when a count cannot be
 # found. The summary line "leg NAME: N tests passed" (or "... FAILED ...") is
 # printed and, when SUMMARY-FILE is given, appended to it.
@@ -47,7 +48,7 @@ rm -f "$log"
 ctest --test-dir "$build" --output-on-failure --no-tests=error "$@"
 status=$?
 
-passed=0 failed=0
+passed=0 failed=0 unfinished=0
 if [[ -f $log ]]; then
   case $mode in
     ctest)
@@ -55,8 +56,13 @@ if [[ -f $log ]]; then
       failed=$(grep -Ec '^Test (Failed|Fail)' "$log" || true)
       ;;
     gtest)
-      passed=$(sed -n 's/^\[  PASSED  \] \([0-9][0-9]*\) tests\{0,1\}\..*/\1/p' "$log" | awk '{s+=$1} END {print s+0}')
-      failed=$(sed -n 's/^\[  FAILED  \] \([0-9][0-9]*\) tests\{0,1\}, listed below.*/\1/p' "$log" | awk '{s+=$1} END {print s+0}')
+      # One "[       OK ]" line per passed case and one "[  FAILED  ] name
+      # (N ms)" line per failed case; counted this way a program that
+      # crashes midway still reports the cases it finished.
+      passed=$(grep -c '^\[       OK \] ' "$log" || true)
+      failed=$(grep -Ec '^\[  FAILED  \] .* \([0-9]+ ms\)$' "$log" || true)
+      started=$(grep -c '^\[ RUN      \] ' "$log" || true)
+      unfinished=$((started - passed - failed))
       ;;
     *)
       echo "run-test-leg.sh: unknown count mode '$mode'" >&2
@@ -69,7 +75,11 @@ if [[ $status -ne 0 ]]; then
   if [[ $mode == ctest ]]; then
     failed=$((ctest_total - passed))
   fi
-  report "leg $leg: FAILED ($passed passed, $failed failed)"
+  note=
+  if [[ $unfinished -gt 0 ]]; then
+    note=", $unfinished crashed"
+  fi
+  report "leg $leg: FAILED ($passed passed, $failed failed$note)"
   exit 1
 fi
 if [[ $passed -eq 0 ]]; then
