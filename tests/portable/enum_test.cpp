@@ -35,8 +35,7 @@ TEST(PortableEnum, OrderOfOpenChildren) {
   ASSERT_TRUE(root->enumElements(&e));
   gxdsSTATSTG records[8];
   uint32_t fetched = 99;
-  ASSERT_TRUE(e->next(8, records, &fetched));
-  ASSERT_EQ(fetched, 7u);
+  ASSERT_TRUE(e->next(8, records, &fetched) && fetched == 7);
   const std::u16string order[] = {u"z", u"B", u"a", u"ab", u"b", u"\u00e9", u"\u4e2d"};
   for (int i = 0; i < 7; ++i) {
     SCOPED_TRACE(i);
@@ -47,8 +46,7 @@ TEST(PortableEnum, OrderOfOpenChildren) {
     EXPECT_EQ(low, i == 0 ? 0u : order[i].size());
     EXPECT_EQ(high, 0u);
   }
-  SCOPED_TRACE("the earlier snapshot stays empty");
-  EXPECT_FALSE(empty->next(1, records, &fetched));
+  EXPECT_FALSE(empty->next(1, records, &fetched));  // the earlier snapshot
   EXPECT_EQ(fetched, 0u);
   root->release();
 }
@@ -68,11 +66,8 @@ TEST(PortableEnum, CursorOverThreeElements) {
   uint32_t fetched = 0;
   {
     SCOPED_TRACE("next(2) three times: 2, 1, then false");
-    EXPECT_TRUE(e->next(2, r, &fetched));
-    EXPECT_EQ(fetched, 2u);
-    EXPECT_TRUE(e->next(2, r, &fetched));
-    EXPECT_EQ(fetched, 1u);
-    EXPECT_EQ(nameOf(r[0]), u"c");
+    EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 2);
+    EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 1 && nameOf(r[0]) == u"c");
     EXPECT_FALSE(e->next(2, r, &fetched));
     EXPECT_EQ(fetched, 0u);
   }
@@ -81,13 +76,11 @@ TEST(PortableEnum, CursorOverThreeElements) {
     e->reset();
     EXPECT_FALSE(e->skip(3));
     EXPECT_EQ(pe->cursor, 0u);
-    EXPECT_TRUE(e->next(0, r, &fetched));
-    EXPECT_EQ(fetched, 0u);
+    EXPECT_TRUE(e->next(0, r, &fetched) && fetched == 0);
     EXPECT_TRUE(e->skip(2));
     EXPECT_FALSE(e->skip(1));
     EXPECT_EQ(pe->cursor, 2u);
-    EXPECT_TRUE(e->next(1, r, nullptr));
-    EXPECT_EQ(nameOf(r[0]), u"c");
+    EXPECT_TRUE(e->next(1, r, nullptr) && nameOf(r[0]) == u"c");
     EXPECT_FALSE(e->skip(0));
   }
   {
@@ -99,14 +92,10 @@ TEST(PortableEnum, CursorOverThreeElements) {
     s->release();
     CGxAbsStgEnum* c = nullptr;
     ASSERT_TRUE(e->clone(&c));
-    EXPECT_TRUE(c->next(2, r, &fetched));
-    EXPECT_EQ(nameOf(r[0]), u"b");
-    EXPECT_EQ(nameOf(r[1]), u"c");
-    EXPECT_TRUE(c->next(2, r, &fetched));
-    EXPECT_EQ(nameOf(r[0]), u"d");
-    EXPECT_TRUE(e->next(2, r, &fetched));  // the source goes its own way
-    EXPECT_EQ(nameOf(r[0]), u"b");
-    EXPECT_EQ(fetched, 2u);
+    EXPECT_TRUE(c->next(2, r, &fetched) && nameOf(r[0]) == u"b" && nameOf(r[1]) == u"c");
+    EXPECT_TRUE(c->next(2, r, &fetched) && nameOf(r[0]) == u"d");
+    // The source keeps its own cursor and its older snapshot.
+    EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 2 && nameOf(r[0]) == u"b");
   }
   root->release();
 }

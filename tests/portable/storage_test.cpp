@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -16,9 +17,6 @@
 
 namespace {
 
-const gxResult kNotFound = GX_STG_E_FILENOTFOUND;
-const gxResult kExists = GX_STG_E_FILEALREADYEXISTS;
-
 std::string slurp(const char* path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -30,100 +28,76 @@ void makeSmallFile(const char16_t* path) {
   gxdIStream *s = nullptr, *inner = nullptr;
   ASSERT_EQ(gxdStgCreateStorage(path, 0x12, &root), GX_S_OK);
   ASSERT_EQ(root->createStorage(u"sub", &sub), GX_S_OK);
-  ASSERT_EQ(sub->createStream(u"inner", &inner), GX_S_OK);
-  ASSERT_EQ(root->createStream(u"s", &s), GX_S_OK);
+  ASSERT_EQ(sub->createStream(u"inner", &inner) | root->createStream(u"s", &s), GX_S_OK);
   s->write("hello", 5, nullptr);
   inner->write("xyz", 3, nullptr);
   root->commit();
-  inner->release();
-  s->release();
+  for (gxdIStream* x : {s, inner}) x->release();
   sub->release();
   root->release();
 }
 
+std::u16string nameOf(gxdsSTATSTG& record) {
+  return reinterpret_cast<const char16_t*>(record.name());
+}
+
 TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
-  gxdIStorage* root = reinterpret_cast<gxdIStorage*>(0x1);
-  SCOPED_TRACE("missing file: E_FAIL, out pointer untouched");
+  gxdIStorage *root = reinterpret_cast<gxdIStorage*>(0x1), *a = nullptr, *b = nullptr;
+  gxdIStream *s = nullptr, *t = nullptr, *n = nullptr;
   EXPECT_EQ(gxdStgOpenStorage(u"storage_test_missing.gxw", 0, &root), GX_E_FAIL);
-  EXPECT_EQ(root, reinterpret_cast<gxdIStorage*>(0x1));
+  EXPECT_EQ(root, reinterpret_cast<gxdIStorage*>(0x1));  // untouched on failure
   std::ofstream("storage_test_text.gxw") << std::string(1024, 'x');
   EXPECT_EQ(gxdStgOpenStorage(u"storage_test_text.gxw", 0, &root), GX_E_FAIL);
 
   makeSmallFile(u"storage_test_codes.gxw");
-  root = nullptr;
   ASSERT_EQ(gxdStgOpenStorage(u"storage_test_codes.gxw", 0xFFFF, &root), GX_S_OK);
   gxdStorage* r = static_cast<gxdStorage*>(root);
-  gxdIStorage *a = nullptr, *b = nullptr;
-  gxdIStream *s = nullptr, *t = nullptr;
-  {
-    SCOPED_TRACE("opening names the file lacks");
-    EXPECT_EQ(root->openStream(u"S", &s), kNotFound);
-    EXPECT_EQ(root->openStorage(u"s", &a), kNotFound);  // a stream, not a storage
-    EXPECT_EQ(s, nullptr);
-    EXPECT_EQ(a, nullptr);
-    EXPECT_TRUE(r->openStreams.empty() && r->openStorages.empty());
-  }
-  {
-    SCOPED_TRACE("an open storage is the same object, one more reference");
-    ASSERT_EQ(root->openStorage(u"sub", &a), GX_S_OK);
-    ASSERT_EQ(root->openStorage(u"sub", &b), GX_S_OK);
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(static_cast<gxdStorage*>(a)->refCount, 3u);
-    gxdsSTATSTG info;
-    a->stat(&info);
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(info.name())), u"sub");
-    EXPECT_EQ(root->createStorage(u"sub", &b), GX_S_OK);  // read-only: same one
-    EXPECT_EQ(a, b);
-  }
-  {
-    SCOPED_TRACE("an open stream comes back as a clone with a caller reference");
-    ASSERT_EQ(root->openStream(u"s", &s), GX_S_OK);
-    ASSERT_EQ(root->openStream(u"s", &t), GX_S_OK);
-    EXPECT_NE(s, t);
-    EXPECT_EQ(static_cast<gxdStream*>(t)->refCount, 2u);
-    EXPECT_EQ(static_cast<gxdStream*>(s)->clones.size(), 1u);
-  }
-  {
-    SCOPED_TRACE("read-only storage: create of a new name succeeds, records nothing");
-    gxdIStream* n = nullptr;
-    EXPECT_EQ(root->createStream(u"new", &n), GX_S_OK);
-    char c;
-    uint64_t done = 7;
-    EXPECT_EQ(n->read(&c, 1, &done), GX_S_FALSE);
-    EXPECT_EQ(done, 0u);
-    EXPECT_TRUE(r->compoundFile->pendingChanges.empty());
-    gxdIStream* dup = reinterpret_cast<gxdIStream*>(0x1);
-    EXPECT_EQ(a->createStream(u"inner", &dup), kExists);  // in the file
-    EXPECT_EQ(dup, nullptr);
-    n->release();
-  }
+  SCOPED_TRACE("opened file: names it lacks, or of the other kind");
+  EXPECT_EQ(root->openStream(u"S", &s), GX_STG_E_FILENOTFOUND);
+  EXPECT_EQ(root->openStorage(u"s", &a), GX_STG_E_FILENOTFOUND);
+  EXPECT_TRUE(s == nullptr && a == nullptr && r->openStreams.empty() && r->openStorages.empty());
+  SCOPED_TRACE("an open storage is the same object with one more reference");
+  ASSERT_EQ(root->openStorage(u"sub", &a) | root->openStorage(u"sub", &b), GX_S_OK);
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(static_cast<gxdStorage*>(a)->refCount, 3u);
+  EXPECT_EQ(root->createStorage(u"sub", &b), GX_S_OK);  // read-only: same one
+  EXPECT_EQ(a, b);
   gxdsSTATSTG info;
+  a->stat(&info);
+  EXPECT_EQ(nameOf(info), u"sub");
   root->stat(&info);
-  EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(info.name())),
-            u"storage_test_codes.gxw");
+  EXPECT_EQ(nameOf(info), u"storage_test_codes.gxw");
+  SCOPED_TRACE("an open stream comes back as a clone carrying a caller reference");
+  ASSERT_EQ(root->openStream(u"s", &s) | root->openStream(u"s", &t), GX_S_OK);
+  EXPECT_NE(s, t);
+  EXPECT_EQ(static_cast<gxdStream*>(t)->refCount, 2u);
+  EXPECT_EQ(static_cast<gxdStream*>(s)->clones.size(), 1u);
+  SCOPED_TRACE("read-only: creating a new name succeeds and records nothing");
+  EXPECT_EQ(root->createStream(u"new", &n), GX_S_OK);
+  uint64_t done = 7;
+  char c;
+  EXPECT_EQ(n->read(&c, 1, &done), GX_S_FALSE);
+  EXPECT_EQ(done, 0u);
+  EXPECT_TRUE(r->compoundFile->pendingChanges.empty());
+  gxdIStream* dup = reinterpret_cast<gxdIStream*>(0x1);
+  EXPECT_EQ(a->createStream(u"inner", &dup), GX_STG_E_FILEALREADYEXISTS);
+  EXPECT_EQ(dup, nullptr);
   const std::string before = slurp("storage_test_codes.gxw");
   root->commit();  // an opened file is never written
   EXPECT_EQ(slurp("storage_test_codes.gxw"), before);
-  // Release every handed-out reference except the root's; the root then
-  // destroys the children whose last reference sits in its maps.
-  t->release();
-  s->release();
-  a->release();
-  a->release();
-  a->release();
-  root->release();
+  for (gxdIStream* x : {n, t, s}) x->release();
+  for (int i = 0; i < 3; ++i) a->release();
+  root->release();  // destroys the children whose last reference is its own
 
-  SCOPED_TRACE("created file: duplicates refused");
+  SCOPED_TRACE("created file: duplicates refused, missing names not found");
   ASSERT_EQ(gxdStgCreateStorage(u"storage_test_dup.gxw", 0, &root), GX_S_OK);
-  ASSERT_EQ(root->createStream(u"x", &s), GX_S_OK);
-  ASSERT_EQ(root->createStorage(u"y", &a), GX_S_OK);
+  ASSERT_EQ(root->createStream(u"x", &s) | root->createStorage(u"y", &a), GX_S_OK);
   t = reinterpret_cast<gxdIStream*>(0x1);
   b = reinterpret_cast<gxdIStorage*>(0x1);
-  EXPECT_EQ(root->createStream(u"x", &t), kExists);
-  EXPECT_EQ(root->createStorage(u"y", &b), kExists);
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(b, nullptr);
-  EXPECT_EQ(root->openStream(u"z", &t), kNotFound);
+  EXPECT_EQ(root->createStream(u"x", &t), GX_STG_E_FILEALREADYEXISTS);
+  EXPECT_EQ(root->createStorage(u"y", &b), GX_STG_E_FILEALREADYEXISTS);
+  EXPECT_TRUE(t == nullptr && b == nullptr);
+  EXPECT_EQ(root->openStream(u"z", &t), GX_STG_E_FILENOTFOUND);
   s->release();
   a->release();
   root->release();
@@ -136,28 +110,34 @@ TEST(PortableStorage, TemporaryFileNameAndPlace) {
   EXPECT_EQ(gxdStorage::tempFileName(u"/srv/data.old/model"), u"/srv/data.$t$");
   EXPECT_EQ(gxdStorage::tempFileName(u"model"), u"model.$t$");
   std::remove("storage_test_tmp.$t$");
+  std::remove("storage_test.$t$");
   makeSmallFile(u"storage_test_tmp.gxw");
-  EXPECT_TRUE(std::ifstream("storage_test_tmp.$t$").good());
+  EXPECT_TRUE(std::ifstream("storage_test_tmp.$t$").good());  // left on disk
+  std::filesystem::create_directory("storage_test.d");
+#ifdef _WIN32
+  makeSmallFile(u"storage_test.d\\model");
+#else
+  makeSmallFile(u"storage_test.d/model");
+#endif
+  EXPECT_TRUE(std::ifstream("storage_test.$t$").good());  // beside the directory
 }
 
 // Every object handed out, cloned or enumerated below a root goes with the
-// root; the sanitizers report any leak or second destruction.
+// root, once; the sanitizers report any leak or second destruction.
 TEST(PortableStorage, ReleasingTheRootDestroysTheTree) {
+  makeSmallFile(u"storage_test_tree.gxw");
   for (bool opened : {false, true}) {
     SCOPED_TRACE(opened ? "opened file" : "created file");
     gxdIStorage *root = nullptr, *sub = nullptr;
     gxdIStream *s = nullptr, *copy = nullptr, *again = nullptr;
     if (opened) {
-      makeSmallFile(u"storage_test_tree.gxw");
       ASSERT_EQ(gxdStgOpenStorage(u"storage_test_tree.gxw", 0, &root), GX_S_OK);
-      ASSERT_EQ(root->openStorage(u"sub", &sub), GX_S_OK);
-      ASSERT_EQ(sub->openStream(u"inner", &s), GX_S_OK);
+      ASSERT_EQ(root->openStorage(u"sub", &sub) | sub->openStream(u"inner", &s), GX_S_OK);
       ASSERT_EQ(sub->openStream(u"inner", &again), GX_S_OK);  // a clone
       again->release();
     } else {
-      ASSERT_EQ(gxdStgCreateStorage(u"storage_test_tree.gxw", 0, &root), GX_S_OK);
-      ASSERT_EQ(root->createStorage(u"sub", &sub), GX_S_OK);
-      ASSERT_EQ(sub->createStream(u"inner", &s), GX_S_OK);
+      ASSERT_EQ(gxdStgCreateStorage(u"storage_test_tree2.gxw", 0, &root), GX_S_OK);
+      ASSERT_EQ(root->createStorage(u"sub", &sub) | sub->createStream(u"inner", &s), GX_S_OK);
     }
     s->clone(&copy);
     copy->clone(&again);
@@ -175,78 +155,66 @@ TEST(PortableStorage, ReleasingTheRootDestroysTheTree) {
 // the mini stream cutoff), written in random chunks, committed, reopened and
 // read back in random chunks and from random positions.
 TEST(PortableStorage, RandomTreesRoundTrip) {
-  struct Node {
-    std::u16string path;  // parent storage names joined by '/', then name
-    std::vector<uint8_t> data;
-  };
   for (uint32_t seed = 1; seed <= 6; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
-    std::vector<Node> streams;
-    std::vector<std::u16string> storages{u""};
+    std::vector<std::pair<std::vector<std::u16string>, std::vector<uint8_t>>> streams;
+    std::vector<std::vector<std::u16string>> paths{{}};  // of each open storage
     gxdIStorage* root = nullptr;
     ASSERT_EQ(gxdStgCreateStorage(u"storage_test_rt.gxw", 0, &root), GX_S_OK);
     std::vector<gxdIStorage*> open{root};
-    for (int i = 0; i < 14; ++i) {
+    for (char16_t name = u'a'; name < u'a' + 14; ++name) {
       const uint32_t at = pick(static_cast<uint32_t>(open.size()));
-      std::u16string name(1, static_cast<char16_t>(u'a' + i));
+      std::vector<std::u16string> path = paths[at];
+      path.push_back(std::u16string(1, name));
       if (pick(4) == 0) {
-        gxdIStorage* child = nullptr;
-        ASSERT_EQ(open[at]->createStorage(name.c_str(), &child), GX_S_OK);
-        open.push_back(child);
-        storages.push_back(storages[at] + u"/" + name);
+        open.push_back(nullptr);
+        ASSERT_EQ(open[at]->createStorage(path.back().c_str(), &open.back()), GX_S_OK);
+        paths.push_back(path);
         continue;
       }
       gxdIStream* s = nullptr;
-      ASSERT_EQ(open[at]->createStream(name.c_str(), &s), GX_S_OK);
+      ASSERT_EQ(open[at]->createStream(path.back().c_str(), &s), GX_S_OK);
       const uint32_t sizes[] = {0, 1, 100, 4095, 4096, 5000, 70000};
-      Node node{storages[at] + u"/" + name, std::vector<uint8_t>(sizes[pick(7)] + pick(3))};
-      for (auto& byte : node.data) byte = static_cast<uint8_t>(rng());
-      for (size_t done = 0; done < node.data.size();) {
-        const size_t n = std::min<size_t>(node.data.size() - done, 1 + pick(1500));
+      std::vector<uint8_t> data(sizes[pick(7)] + pick(3));
+      for (auto& byte : data) byte = static_cast<uint8_t>(rng());
+      for (size_t done = 0; done < data.size();) {
+        const size_t n = std::min<size_t>(data.size() - done, 1 + pick(1500));
         uint64_t written = 0;
-        ASSERT_EQ(s->write(node.data.data() + done, n, &written), GX_S_OK);
+        ASSERT_EQ(s->write(data.data() + done, n, &written), GX_S_OK);
         ASSERT_EQ(written, n);
         done += n;
       }
       s->release();
-      streams.push_back(node);
+      streams.emplace_back(path, data);
     }
     root->commit();
-    for (size_t i = 1; i < open.size(); ++i) open[i]->release();
-    root->release();
+    for (gxdIStorage* storage : open) storage->release();
 
     ASSERT_EQ(gxdStgOpenStorage(u"storage_test_rt.gxw", 0, &root), GX_S_OK);
-    for (const Node& node : streams) {
-      SCOPED_TRACE(std::string(node.path.begin(), node.path.end()));
+    for (const auto& stream : streams) {
+      const std::vector<uint8_t>& data = stream.second;
       gxdIStorage* dir = root;
-      size_t from = 1, slash;
-      while ((slash = node.path.find(u'/', from)) != std::u16string::npos) {
-        ASSERT_EQ(dir->openStorage(node.path.substr(from, slash - from).c_str(), &dir), GX_S_OK);
+      for (size_t i = 0; i + 1 < stream.first.size(); ++i) {
+        ASSERT_EQ(dir->openStorage(stream.first[i].c_str(), &dir), GX_S_OK);
         dir->release();  // the parent keeps it open
-        from = slash + 1;
       }
       gxdIStream* s = nullptr;
-      ASSERT_EQ(dir->openStream(node.path.substr(from).c_str(), &s), GX_S_OK);
-      std::vector<uint8_t> back(node.data.size() + 10);
+      ASSERT_EQ(dir->openStream(stream.first.back().c_str(), &s), GX_S_OK);
+      std::vector<uint8_t> back(data.size() + 10);
       size_t got = 0;
-      for (uint64_t n = 1; n > 0 && got < back.size();) {
-        const uint64_t want = std::min<uint64_t>(1 + pick(3000), back.size() - got);
-        if (s->read(back.data() + got, want, &n) != GX_S_OK) break;
-        got += n;
-      }
-      EXPECT_EQ(got, node.data.size());
+      for (uint64_t n = 1; n > 0 && got < back.size(); got += n)
+        if (s->read(&back[got], std::min<uint64_t>(1 + pick(3000), back.size() - got), &n))
+          break;
       back.resize(got);
-      EXPECT_TRUE(back == node.data);
-      for (int k = 0; k < 5 && !node.data.empty(); ++k) {
-        const uint32_t at = pick(static_cast<uint32_t>(node.data.size()));
+      EXPECT_TRUE(back == data) << data.size() << " bytes, got " << got;
+      for (int k = 0; k < 5 && !data.empty(); ++k) {
+        const uint32_t at = pick(static_cast<uint32_t>(data.size()));
         s->setPosition(at);
-        ASSERT_EQ(s->position(), at);
-        uint8_t c = 0;
         uint64_t n = 0;
-        EXPECT_EQ(s->read(&c, 1, &n), GX_S_OK);
-        EXPECT_EQ(c, node.data[at]);
+        EXPECT_EQ(s->read(&back[0], 1, &n), GX_S_OK);
+        EXPECT_TRUE(n == 1 && back[0] == data[at] && s->position() == at + 1u);
       }
       s->release();
     }
