@@ -242,10 +242,11 @@ void removeScratch(const Paths& paths) {
 }
 
 int usage(const char* program) {
-  std::fprintf(stderr,
-               "usage: %s [--repetitions N] [--only W1,W3,...] [--dir DIR] "
-               "[--keep] [--no-prepare] [--large-mib N]\n",
-               program);
+  std::fprintf(
+      stderr,
+      "usage: %s [--repetitions ROUNDS] [--only W1,W3,...] [--dir DIR] "
+      "[--keep] [--no-prepare] [--large-mib N]\n",
+      program);
   return 2;
 }
 
@@ -304,8 +305,8 @@ int main(int argc, char** argv) {
   std::printf("large stream (W1, W3, W6): %llu MiB\n",
               static_cast<unsigned long long>(kLargeSize >> 20));
   std::printf(
-      "%d repetitions per cell, median shown; each cell ran in its "
-      "own child process\n",
+      "%d rounds; each round runs every cell once, in its own child "
+      "process; medians shown\n",
       repetitions);
   std::fflush(stdout);
 
@@ -338,22 +339,42 @@ int main(int argc, char** argv) {
         "idle", paths, 1, out);
   });
 
+  // Rounds: each round runs every cell once, in its own child, so that the
+  // three columns of a row are measured close together in time even when
+  // the machine's load drifts; a cell's figure is the median over rounds
+  // and its peak the largest.
   Result results[6][3];
+  std::vector<double> samples[6][3];
   bool failed = false;
-  for (int w = 0; w < 6; ++w) {
-    if (!only.empty() && only.find(kWorkloads[w].id) == std::string::npos)
-      continue;
-    for (size_t k = 0; k < impls.size(); ++k) {
-      const Implementation* impl = impls[k];
-      if (impl == nullptr || impl->run[w] == nullptr) continue;
-      results[w][k] = inChild([&](FILE* out) {
-        runChild(argv[0], kWorkloads[w], impl->run[w], impl->name, paths,
-                 repetitions, out);
-      });
-      if (!results[w][k].ok) {
-        failed = true;
-        std::fprintf(stderr, "%s/%s: %s\n", kWorkloads[w].id, impl->name,
-                     results[w][k].error.c_str());
+  for (int round = 0; round < repetitions; ++round) {
+    for (int w = 0; w < 6; ++w) {
+      if (!only.empty() && only.find(kWorkloads[w].id) == std::string::npos)
+        continue;
+      for (size_t k = 0; k < impls.size(); ++k) {
+        const Implementation* impl = impls[k];
+        if (impl == nullptr || impl->run[w] == nullptr) continue;
+        if (round > 0 && !results[w][k].ok) continue;
+        Result r = inChild([&](FILE* out) {
+          runChild(argv[0], kWorkloads[w], impl->run[w], impl->name, paths, 1,
+                   out);
+        });
+        Result& cellResult = results[w][k];
+        const double peakSoFar = cellResult.peakMiB;
+        if (!r.ok) {
+          cellResult = r;
+          failed = true;
+          std::fprintf(stderr, "%s/%s: %s\n", kWorkloads[w].id, impl->name,
+                       r.error.c_str());
+          continue;
+        }
+        samples[w][k].push_back(r.seconds);
+        cellResult = r;
+        cellResult.peakMiB = std::max(peakSoFar, r.peakMiB);
+        const auto mm =
+            std::minmax_element(samples[w][k].begin(), samples[w][k].end());
+        cellResult.seconds = median(samples[w][k]);
+        cellResult.minSeconds = *mm.first;
+        cellResult.maxSeconds = *mm.second;
       }
     }
   }
