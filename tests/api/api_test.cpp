@@ -69,6 +69,11 @@ void roundTrip(const char16_t* path, bool portable) {
   ASSERT_EQ(root->openIStorage(units(u"dir"), false, &dir), GX_S_OK);
   ASSERT_EQ(dir->openIStream(units(u"data"), false, &data), GX_S_OK);
   ASSERT_EQ(root->openIStream(units(u"small"), false, &small), GX_S_OK);
+  CGxAbsStorage* same = nullptr;
+  EXPECT_EQ(root->openIStorage(units(u"dir"), false, &same), GX_S_OK);  // cached
+  EXPECT_EQ(same, dir);
+  CGxAbsStream *copy = nullptr, *copy2 = nullptr;
+  ASSERT_TRUE(small->clone(&copy) && copy->clone(&copy2));  // go with their maker
   const std::vector<char> bytes = pattern(10000);
   unsigned long long done = 0;
   for (size_t at = 0; at < bytes.size(); at += 999) {
@@ -84,6 +89,10 @@ void roundTrip(const char16_t* path, bool portable) {
   ASSERT_EQ(root->openIStorage(units(u"dir"), true, &dir), GX_S_OK);
   ASSERT_EQ(dir->openIStream(units(u"data"), true, &data), GX_S_OK);
   ASSERT_EQ(root->openIStream(units(u"small"), true, &small), GX_S_OK);
+  if (portable) {  // exact, case-sensitive names; the platform folds case
+    EXPECT_EQ(root->openIStorage(units(u"DIR"), true, &same), GX_STG_E_FILENOTFOUND);
+    EXPECT_EQ(same, nullptr);
+  }
   std::vector<char> back(bytes.size() + 1000);
   size_t got = 0;
   do {
@@ -97,6 +106,9 @@ void roundTrip(const char16_t* path, bool portable) {
   ASSERT_TRUE(data->stat(&info));
   info.size(low, high);
   EXPECT_TRUE(low == 10000 && high == 0 && info.type() == GX_STGTY_STREAM);
+  ASSERT_TRUE(dir->stat(&info));
+  EXPECT_EQ(info.type(), GX_STGTY_STORAGE);
+  dir->commit();  // a child commits nothing
   char five[8] = {};
   small->read(five, sizeof(five), &done);
   EXPECT_EQ(std::string(five, done), "hello");
