@@ -44,6 +44,18 @@ void fillRecord(uint8_t* record, const std::u16string& name,
 
 void gxdCompoundFile::save() {
   if (outputStarted == 1 || fileStream == nullptr) return;
+  // The mini stream grows sector by sector while the records are replayed;
+  // the small streams written bound its final size, so it is allocated once
+  // instead of being copied at every doubling.
+  uint64_t miniBytes = 0;
+  for (const gxdChangeRecord& change : pendingChanges) {
+    if (change.kind != gxdChangeRecord::kStreamWritten) continue;
+    const gxdDirEntry& e = *static_cast<const gxdDirEntry*>(change.first);
+    if (e.sizeHigh() == 0 && e.sizeLow() < header.miniStreamCutoff)
+      miniBytes += (uint64_t{e.sizeLow()} + miniSectorSize - 1) /
+                   miniSectorSize * miniSectorSize;
+  }
+  if (miniBytes > 0) miniStream.reserve(miniBytes + sectorSize);
   for (const gxdChangeRecord& change : pendingChanges) {
     switch (change.kind) {
       case gxdChangeRecord::kStorageCreated:
