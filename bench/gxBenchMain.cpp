@@ -430,12 +430,14 @@ int main(int argc, char** argv) {
                 r >= g.atLeast ? "met" : "MISSED");
   }
   const double fatMiB = static_cast<double>(kLargeSize) / 512 * 4 / (1 << 20);
-  if (results[0][0].ran || results[2][0].ran)
+  for (int w : {0, 2}) {
+    if (!results[w][0].ran) continue;
     std::printf(
-        "  %-36s W1 %.1f MiB, W3 %.1f MiB over the %.1f MiB floor; "
-        "the stream's FAT is %.1f MiB\n",
-        "W1/W3 peak memory", results[0][0].peakMiB - floor.peakMiB,
-        results[2][0].peakMiB - floor.peakMiB, floor.peakMiB, fatMiB);
+        "  %s peak memory over the %.1f MiB floor: %.1f MiB (the "
+        "stream's FAT: %.1f MiB)\n",
+        kWorkloads[w].id, floor.peakMiB, results[w][0].peakMiB - floor.peakMiB,
+        fatMiB);
+  }
 
   if (!keep) removeScratch(paths);
   return failed ? 1 : 0;

@@ -135,6 +135,9 @@ bool gxdCompoundFile::loadFat() {
   // A FAT or DIFAT sector listed twice (a DIFAT loop among them) would read
   // the same sector again and again up to the counts: the file is corrupt.
   std::unordered_set<uint32_t> listed;
+  // Sized once (the count is bounded by the file's length above), so that a
+  // large table is not copied at every doubling.
+  fat.reserve(static_cast<size_t>(header.numFatSectors) * perSector);
 
   auto loadFatSector = [&](uint32_t id) -> bool {
     if (loaded >= capacity || loaded >= fileSectorCount_ ||

@@ -95,6 +95,12 @@ bool gxdStream::sectorAt(uint64_t index, uint32_t& sector) {
   const uint64_t limit = inMiniStream
                              ? cf.miniStream.size() >> cf.header.miniSectorShift
                              : cf.fileSectorCount();
+  if (chain_.empty()) {
+    // The whole chain is kept: sized once from the stream's length (bounded
+    // by the units its area holds) rather than copied at every doubling.
+    const uint64_t units = (entry.size >> unitShift()) + 1;
+    chain_.reserve(static_cast<size_t>(std::min(units, limit)));
+  }
   while (chain_.size() <= index) {
     if (chainBroken_) return false;
     uint32_t next = chain_.empty() ? entry.startSector : table[chain_.back()];
