@@ -27,28 +27,34 @@ TEST(Api, EntryFunctionsRefuseMissingAndForeignFiles) {
   std::remove("api_test_missing.gxw");
   std::ofstream("api_test_text.gxw") << std::string(2048, 'z');
   for (bool portable : {true, false}) {
-    for (const char16_t* path : {u"api_test_missing.gxw", u"api_test_text.gxw"}) {
+    for (const char16_t* path :
+         {u"api_test_missing.gxw", u"api_test_text.gxw"}) {
       SCOPED_TRACE(std::string(portable ? "portable " : "platform ") +
                    (path[9] == u'm' ? "missing" : "not compound"));
       CGxAbsStorage* root = kJunk;
-      const gxResult result = gxStgOpenStorage(units(path), 0x12, &root, portable);
+      const gxResult result =
+          gxStgOpenStorage(units(path), 0x12, &root, portable);
       EXPECT_LT(result, 0);
       EXPECT_EQ(root, nullptr);  // whatever it held before
 #ifdef _WIN32
-      const gxResult platform = path[9] == u'm' ? GX_STG_E_FILENOTFOUND : GX_STG_E_FILEALREADYEXISTS;
+      const gxResult platform =
+          path[9] == u'm' ? GX_STG_E_FILENOTFOUND : GX_STG_E_FILEALREADYEXISTS;
 #else
-      const gxResult platform = GX_E_NOTIMPL;  // no platform service on this host
+      const gxResult platform =
+          GX_E_NOTIMPL;  // no platform service on this host
 #endif
       EXPECT_EQ(result, portable ? GX_E_FAIL : platform);
     }
     CGxAbsStorage* root = kJunk;
-    const gxResult result =
-        gxStgCreateStorage(units(u"api_no_such_dir/x.gxw"), 0x1012, &root, portable);
+    const gxResult result = gxStgCreateStorage(units(u"api_no_such_dir/x.gxw"),
+                                               0x1012, &root, portable);
     EXPECT_LT(result, 0);
     EXPECT_EQ(root, nullptr);
 #ifndef _WIN32
     root = kJunk;
-    EXPECT_EQ(gxStgCreateStorage(units(u"api_test_new.gxw"), 0x1012, &root, false), GX_E_NOTIMPL);
+    EXPECT_EQ(
+        gxStgCreateStorage(units(u"api_test_new.gxw"), 0x1012, &root, false),
+        GX_E_NOTIMPL);
     EXPECT_EQ(root, nullptr);
 #endif
   }
@@ -70,10 +76,12 @@ void roundTrip(const char16_t* path, bool portable) {
   ASSERT_EQ(dir->openIStream(units(u"data"), false, &data), GX_S_OK);
   ASSERT_EQ(root->openIStream(units(u"small"), false, &small), GX_S_OK);
   CGxAbsStorage* same = nullptr;
-  EXPECT_EQ(root->openIStorage(units(u"dir"), false, &same), GX_S_OK);  // cached
+  EXPECT_EQ(root->openIStorage(units(u"dir"), false, &same),
+            GX_S_OK);  // cached
   EXPECT_EQ(same, dir);
   CGxAbsStream *copy = nullptr, *copy2 = nullptr;
-  ASSERT_TRUE(small->clone(&copy) && copy->clone(&copy2));  // go with their maker
+  ASSERT_TRUE(small->clone(&copy) &&
+              copy->clone(&copy2));  // go with their maker
   const std::vector<char> bytes = pattern(10000);
   unsigned long long done = 0;
   for (size_t at = 0; at < bytes.size(); at += 999) {
@@ -90,7 +98,8 @@ void roundTrip(const char16_t* path, bool portable) {
   ASSERT_EQ(dir->openIStream(units(u"data"), true, &data), GX_S_OK);
   ASSERT_EQ(root->openIStream(units(u"small"), true, &small), GX_S_OK);
   if (portable) {  // exact, case-sensitive names; the platform folds case
-    EXPECT_EQ(root->openIStorage(units(u"DIR"), true, &same), GX_STG_E_FILENOTFOUND);
+    EXPECT_EQ(root->openIStorage(units(u"DIR"), true, &same),
+              GX_STG_E_FILENOTFOUND);
     EXPECT_EQ(same, nullptr);
   }
   std::vector<char> back(bytes.size() + 1000);
@@ -118,16 +127,17 @@ void roundTrip(const char16_t* path, bool portable) {
 
 TEST(Api, TreeRoundTrip) {
   SCOPED_TRACE("portable");
-  roundTrip(u"api_test_portable.gxw", true);
+  roundTrip(u"api_test_portable_\u00e9\u4e2d.gxw", true);
 #ifdef _WIN32
   SCOPED_TRACE("platform");
-  roundTrip(u"api_test_platform.gxw", false);
+  roundTrip(u"api_test_platform_\u00e9\u4e2d.gxw", false);
 #endif
 }
 
 TEST(Api, SelfTestWithAndWithoutItsFile) {
 #ifdef _WIN32
-  EXPECT_NE(GetProcAddress(GetModuleHandleA("gxStorage.dll"), "gxdStorageTest"), nullptr);
+  EXPECT_NE(GetProcAddress(GetModuleHandleA("gxStorage.dll"), "gxdStorageTest"),
+            nullptr);
 #else
   EXPECT_NE(dlsym(RTLD_DEFAULT, "gxdStorageTest"), nullptr);  // plain name
 #endif
@@ -135,7 +145,8 @@ TEST(Api, SelfTestWithAndWithoutItsFile) {
   gxdStorageTest();
   CGxAbsStorage* root = nullptr;
   CGxAbsStream* s = nullptr;
-  ASSERT_EQ(gxStgCreateStorage(units(u"FF430_1.gxw"), 0x1012, &root, true), GX_S_OK);
+  ASSERT_EQ(gxStgCreateStorage(units(u"FF430_1.gxw"), 0x1012, &root, true),
+            GX_S_OK);
   ASSERT_EQ(root->openIStream(units(u"s"), false, &s), GX_S_OK);
   s->write("x", 1, nullptr);
   root->commit();

@@ -22,16 +22,19 @@ TEST(PortableEnum, SnapshotOrderAndCursor) {
     gxdIStorage* child = nullptr;
     gxdIStream* s = nullptr;
     ASSERT_EQ(storage ? root->createStorage(name.c_str(), &child)
-                      : root->createStream(name.c_str(), &s), GX_S_OK);
+                      : root->createStream(name.c_str(), &s),
+              GX_S_OK);
     if (s != nullptr) s->write("abc", name.size(), nullptr);
     storage ? child->release() : s->release();
   };
-  for (const char16_t* name : {u"b", u"a", u"\u00e9", u"ab", u"B"}) add(name, false);
+  for (const char16_t* name : {u"b", u"a", u"\u00e9", u"ab", u"B"})
+    add(name, false);
   add(u"z", true);
   ASSERT_TRUE(root->enumElements(&e));
   gxdsSTATSTG r[8];
   uint32_t fetched = 99, low = 9, high = 9;
-  SCOPED_TRACE("storages first, then streams by unsigned code units, no case folding");
+  SCOPED_TRACE(
+      "storages first, then streams by unsigned code units, no case folding");
   ASSERT_TRUE(e->next(8, r, &fetched) && fetched == 6);
   const std::u16string order[] = {u"z", u"B", u"a", u"ab", u"b", u"\u00e9"};
   for (int i = 0; i < 6; ++i) {
@@ -46,7 +49,8 @@ TEST(PortableEnum, SnapshotOrderAndCursor) {
   gxdStgEnum* pe = static_cast<gxdStgEnum*>(e);
   pe->cursor = 3;
   EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 2);
-  EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 1 && nameOf(r[0]) == u"\u00e9");
+  EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 1 &&
+              nameOf(r[0]) == u"\u00e9");
   EXPECT_FALSE(e->next(2, r, &fetched));
   EXPECT_EQ(fetched, 0u);
   SCOPED_TRACE("skip may not land on the end");
@@ -63,8 +67,10 @@ TEST(PortableEnum, SnapshotOrderAndCursor) {
   EXPECT_TRUE(e->next(5, r, nullptr));
   add(u"\u4e2d", false);
   ASSERT_TRUE(e->clone(&c));
-  EXPECT_TRUE(c->next(3, r, &fetched) && fetched == 2 && nameOf(r[1]) == u"\u4e2d");
-  EXPECT_TRUE(e->next(3, r, &fetched) && fetched == 1);  // its own, older snapshot
+  EXPECT_TRUE(c->next(3, r, &fetched) && fetched == 2 &&
+              nameOf(r[1]) == u"\u4e2d");
+  EXPECT_TRUE(e->next(3, r, &fetched) &&
+              fetched == 1);  // its own, older snapshot
   root->release();
 }
 

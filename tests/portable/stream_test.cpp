@@ -24,7 +24,7 @@ std::vector<uint8_t> pattern(uint32_t seed, size_t size, size_t from = 0) {
 
 // Stream i of the file holds pattern(i, size).
 const std::pair<const char16_t*, uint32_t> kStreams[] = {
-    {u"mini100", 100}, {u"five", 5},     {u"s700", 700},    {u"s4095", 4095},
+    {u"mini100", 100}, {u"five", 5},     {u"s700", 700},  {u"s4095", 4095},
     {u"s4096", 4096},  {u"big1", 20000}, {u"big2", 30000}};
 
 gxdIStorage* makeAndOpen(const char16_t* path) {
@@ -114,7 +114,8 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   ASSERT_EQ(gxdStgCreateStorage(u"stream_test_write.gxw", 0, &root), GX_S_OK);
   gxdCompoundFile* cf = static_cast<gxdStorage*>(root)->compoundFile;
   gxdIStream *ia = nullptr, *ib = nullptr;
-  ASSERT_EQ(root->createStream(u"a", &ia) | root->createStream(u"b", &ib), GX_S_OK);
+  ASSERT_EQ(root->createStream(u"a", &ia) | root->createStream(u"b", &ib),
+            GX_S_OK);
   gxdStream* a = static_cast<gxdStream*>(ia);
   gxdStream* b = static_cast<gxdStream*>(ib);
   auto kind3 = [&](gxdStream* s) {
@@ -150,7 +151,8 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   const uint32_t last = cf->lastTempBlock;
   cf->lastTempBlock = 0x80000000u / 512 - 2;  // one block left
   EXPECT_EQ(b->write(data.data(), 2000, &written), GX_E_FAIL);
-  EXPECT_TRUE(b->entry.size == 700 && b->tempBlocks.size() == 2 && b->bufferFill == 0);
+  EXPECT_TRUE(b->entry.size == 700 && b->tempBlocks.size() == 2 &&
+              b->bufferFill == 0);
   EXPECT_EQ(cf->pendingChanges.size(), records);
   cf->lastTempBlock = last;
   ia->release();
@@ -168,7 +170,8 @@ TEST(PortableStream, DamagedChainsFailCleanly) {
   const uint32_t big = openStream(root, u"big1")->entry.startSector;
   const uint32_t mini = openStream(root, u"mini100")->entry.startSector;
   const uint64_t fatLink = sectorOffset(cf->header.difat[0], 9) + 4 * big;
-  const uint64_t miniLink = sectorOffset(cf->header.firstMiniFatSector, 9) + 4 * mini;
+  const uint64_t miniLink =
+      sectorOffset(cf->header.firstMiniFatSector, 9) + 4 * mini;
   ASSERT_LT(big, 128u);
   root->release();
   std::ifstream in("stream_test_damage.gxw", std::ios::binary);
@@ -197,7 +200,8 @@ TEST(PortableStream, DamagedChainsFailCleanly) {
     std::vector<uint8_t> buf(1000);
     uint64_t total = 0, done = 0;
     gxResult result;
-    while ((result = s->read(buf.data(), 1000, &done)) == GX_S_OK && done > 0) total += done;
+    while ((result = s->read(buf.data(), 1000, &done)) == GX_S_OK && done > 0)
+      total += done;
     EXPECT_LE(total, s->entry.size);
     EXPECT_EQ(result, d.value == big ? result : GX_E_FAIL);
     s->setPosition(s->entry.size - 1);

@@ -30,7 +30,9 @@ struct SeekProbe : gxdIStream {
   uint64_t position() override { return at; }
   void setPosition(uint64_t t) override { target = t; }
   gxResult read(void*, uint64_t, uint64_t*) override { return GX_S_FALSE; }
-  gxResult write(const void*, uint64_t, uint64_t*) override { return GX_E_FAIL; }
+  gxResult write(const void*, uint64_t, uint64_t*) override {
+    return GX_E_FAIL;
+  }
   bool clone(gxdIStream**) override { return false; }
   void flush() override {}
   uint32_t addRef() override { return ++refs; }
@@ -44,9 +46,15 @@ TEST(Adapters, PortableSeekArithmetic) {
     EXPECT_EQ(probe.refs, 2);
     ULARGE_INTEGER out;
     LARGE_INTEGER move;
-    const struct { uint64_t at; int64_t move; unsigned origin; uint64_t target; } cases[] = {
+    const struct {
+      uint64_t at;
+      int64_t move;
+      unsigned origin;
+      uint64_t target;
+    } cases[] = {
         {10, -1, GX_STREAM_SEEK_CUR, 9},
-        {0xFFFFFFFFu, 1, GX_STREAM_SEEK_CUR, 0x100000000ull},  // carry into the high half
+        {0xFFFFFFFFu, 1, GX_STREAM_SEEK_CUR,
+         0x100000000ull},  // carry into the high half
         {0x1FFFFFFF0ull, 0x20, GX_STREAM_SEEK_CUR, 0x200000010ull},
         {5, -1, GX_STREAM_SEEK_SET, ~0ull},  // negative taken as unsigned
     };
@@ -58,7 +66,8 @@ TEST(Adapters, PortableSeekArithmetic) {
       EXPECT_EQ(probe.target, c.target);
       EXPECT_EQ(out.QuadPart, c.target);
     }
-    SCOPED_TRACE("from the end: refused, nothing moves, *newPosition untouched");
+    SCOPED_TRACE(
+        "from the end: refused, nothing moves, *newPosition untouched");
     probe.target = 7;
     out.QuadPart = 0xABCD;
     move.QuadPart = -1;
@@ -85,8 +94,10 @@ std::string narrow(const OLECHAR* s) {
 }
 
 LPOLESTR taskName(const std::string& s) {
-  LPOLESTR out = static_cast<LPOLESTR>(CoTaskMemAlloc((s.size() + 1) * sizeof(OLECHAR)));
-  for (size_t i = 0; i <= s.size(); ++i) out[i] = static_cast<unsigned char>(s.c_str()[i]);
+  LPOLESTR out =
+      static_cast<LPOLESTR>(CoTaskMemAlloc((s.size() + 1) * sizeof(OLECHAR)));
+  for (size_t i = 0; i <= s.size(); ++i)
+    out[i] = static_cast<unsigned char>(s.c_str()[i]);
   return out;
 }
 
@@ -118,18 +129,23 @@ struct FakeEnum : Fake<IEnumSTATSTG> {
   HRESULT Next(ULONG n, STATSTG* r, ULONG* fetched) override {
     log->calls.push_back("Next");
     ULONG k = 0;
-    for (; k < n && at < 3; ++k, ++at) stat(&r[k], std::string(1, 'a' + at).c_str(), at ? 2 : 1);
+    for (; k < n && at < 3; ++k, ++at)
+      stat(&r[k], std::string(1, 'a' + at).c_str(), at ? 2 : 1);
     *fetched = k;
     return k == n ? S_OK : S_FALSE;
   }
   HRESULT Skip(ULONG) override { return S_FALSE; }
   HRESULT Reset() override { return at = 0, S_OK; }
-  HRESULT Clone(IEnumSTATSTG** out) override { return *out = new FakeEnum(log), S_OK; }
+  HRESULT Clone(IEnumSTATSTG** out) override {
+    return *out = new FakeEnum(log), S_OK;
+  }
 };
 
 struct FakeStream : Fake<IStream> {
   using Fake::Fake;
-  HRESULT Read(void*, ULONG, ULONG* done) override { return *done = 0, S_FALSE; }
+  HRESULT Read(void*, ULONG, ULONG* done) override {
+    return *done = 0, S_FALSE;
+  }
   HRESULT Write(const void*, ULONG n, ULONG* written) override {
     log->calls.push_back("Write " + std::to_string(n));
     return *written = n / 2, S_OK;
@@ -138,13 +154,24 @@ struct FakeStream : Fake<IStream> {
     return log->calls.push_back("Seek " + std::to_string(origin)), S_OK;
   }
   HRESULT SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-  HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override { return E_NOTIMPL; }
+  HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*,
+                 ULARGE_INTEGER*) override {
+    return E_NOTIMPL;
+  }
   HRESULT Commit(DWORD) override { return E_NOTIMPL; }
   HRESULT Revert() override { return E_NOTIMPL; }
-  HRESULT LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-  HRESULT UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-  HRESULT Stat(STATSTG* info, DWORD) override { return stat(info, "strm", STGTY_STREAM); }
-  HRESULT Clone(IStream** out) override { return *out = new FakeStream(log), S_OK; }
+  HRESULT LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return E_NOTIMPL;
+  }
+  HRESULT UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return E_NOTIMPL;
+  }
+  HRESULT Stat(STATSTG* info, DWORD) override {
+    return stat(info, "strm", STGTY_STREAM);
+  }
+  HRESULT Clone(IStream** out) override {
+    return *out = new FakeStream(log), S_OK;
+  }
 };
 
 // Finds the storage "a" and the stream "b"; logs each request with the name
@@ -152,35 +179,57 @@ struct FakeStream : Fake<IStream> {
 struct FakeStorage : Fake<IStorage> {
   using Fake::Fake;
   template <class T, class Out>
-  HRESULT hand(const char* what, const OLECHAR* name, DWORD mode, const char* known, Out** out) {
-    log->calls.push_back(std::string(what) + " " + narrow(name) + " " + std::to_string(mode));
+  HRESULT hand(const char* what, const OLECHAR* name, DWORD mode,
+               const char* known, Out** out) {
+    log->calls.push_back(std::string(what) + " " + narrow(name) + " " +
+                         std::to_string(mode));
     const bool found = known == nullptr || narrow(name) == known;
     *out = found ? new T(log) : nullptr;
     return found ? S_OK : STG_E_FILENOTFOUND;
   }
-  HRESULT CreateStream(const OLECHAR* n, DWORD m, DWORD, DWORD, IStream** s) override {
+  HRESULT CreateStream(const OLECHAR* n, DWORD m, DWORD, DWORD,
+                       IStream** s) override {
     return hand<FakeStream>("CreateStream", n, m, nullptr, s);
   }
-  HRESULT OpenStream(const OLECHAR* n, void*, DWORD m, DWORD, IStream** s) override {
+  HRESULT OpenStream(const OLECHAR* n, void*, DWORD m, DWORD,
+                     IStream** s) override {
     return hand<FakeStream>("OpenStream", n, m, "b", s);
   }
-  HRESULT CreateStorage(const OLECHAR* n, DWORD m, DWORD, DWORD, IStorage** s) override {
+  HRESULT CreateStorage(const OLECHAR* n, DWORD m, DWORD, DWORD,
+                        IStorage** s) override {
     return hand<FakeStorage>("CreateStorage", n, m, nullptr, s);
   }
-  HRESULT OpenStorage(const OLECHAR* n, IStorage*, DWORD m, SNB, DWORD, IStorage** s) override {
+  HRESULT OpenStorage(const OLECHAR* n, IStorage*, DWORD m, SNB, DWORD,
+                      IStorage** s) override {
     return hand<FakeStorage>("OpenStorage", n, m, "a", s);
   }
-  HRESULT CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
-  HRESULT MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*, DWORD) override { return E_NOTIMPL; }
-  HRESULT Commit(DWORD) override { return log->calls.push_back("Commit"), S_OK; }
+  HRESULT CopyTo(DWORD, const IID*, SNB, IStorage*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*,
+                        DWORD) override {
+    return E_NOTIMPL;
+  }
+  HRESULT Commit(DWORD) override {
+    return log->calls.push_back("Commit"), S_OK;
+  }
   HRESULT Revert() override { return E_NOTIMPL; }
-  HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** e) override { return *e = new FakeEnum(log), S_OK; }
+  HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** e) override {
+    return *e = new FakeEnum(log), S_OK;
+  }
   HRESULT DestroyElement(const OLECHAR*) override { return E_NOTIMPL; }
-  HRESULT RenameElement(const OLECHAR*, const OLECHAR*) override { return E_NOTIMPL; }
-  HRESULT SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*, const FILETIME*) override { return E_NOTIMPL; }
+  HRESULT RenameElement(const OLECHAR*, const OLECHAR*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*,
+                          const FILETIME*) override {
+    return E_NOTIMPL;
+  }
   HRESULT SetClass(REFCLSID) override { return E_NOTIMPL; }
   HRESULT SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
-  HRESULT Stat(STATSTG* info, DWORD) override { return stat(info, "root", STGTY_STORAGE); }
+  HRESULT Stat(STATSTG* info, DWORD) override {
+    return stat(info, "root", STGTY_STORAGE);
+  }
 };
 
 TEST(Adapters, PlatformBranchOverCountingFakes) {
@@ -201,9 +250,10 @@ TEST(Adapters, PlatformBranchOverCountingFakes) {
   EXPECT_EQ(again, b);
   EXPECT_EQ(a->openIStream(units(u"new"), false, &again), S_OK);
   EXPECT_EQ(a->openIStorage(units(u"sub"), false, &other), S_OK);
-  EXPECT_EQ(log.calls, (std::vector<std::string>{"OpenStorage a 18", "OpenStorage A 18",
-                                                 "OpenStream b 16", "CreateStream new 4113",
-                                                 "CreateStorage sub 4114"}));
+  EXPECT_EQ(log.calls,
+            (std::vector<std::string>{
+                "OpenStorage a 18", "OpenStorage A 18", "OpenStream b 16",
+                "CreateStream new 4113", "CreateStorage sub 4114"}));
   SCOPED_TRACE("streams: counts, the low 32 bits of a size, seek, stat, clone");
   log.calls.clear();
   unsigned long long done = 77;
@@ -217,12 +267,14 @@ TEST(Adapters, PlatformBranchOverCountingFakes) {
   uint32_t low = 0, high = 0;
   ASSERT_TRUE(b->stat(&info) && root->stat(&info));
   info.size(low, high);
-  EXPECT_TRUE(info.type() == STGTY_STORAGE && low == 8 && high == 5 && info.name()[0] == 'r');
+  EXPECT_TRUE(info.type() == STGTY_STORAGE && low == 8 && high == 5 &&
+              info.name()[0] == 'r');
   ASSERT_TRUE(b->clone(&copy) && copy->clone(&again));
   b->flush();
   root->commit();
   a->commit();
-  EXPECT_EQ(log.calls, (std::vector<std::string>{"Write 6", "Seek 2"}));  // no Commit
+  EXPECT_EQ(log.calls,
+            (std::vector<std::string>{"Write 6", "Seek 2"}));  // no Commit
   SCOPED_TRACE("enumerator: next(0), full and short batches, clones");
   log.calls.clear();
   CGxAbsStgEnum *e = nullptr, *e2 = nullptr, *ec = nullptr;
@@ -234,9 +286,11 @@ TEST(Adapters, PlatformBranchOverCountingFakes) {
   EXPECT_TRUE(fetched == 0 && log.calls.empty());
   EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 2 && r[1].name()[0] == 'b');
   r[1].size(low, high);
-  EXPECT_TRUE(r[0].type() == STGTY_STORAGE && r[1].type() == STGTY_STREAM && high == 5);
+  EXPECT_TRUE(r[0].type() == STGTY_STORAGE && r[1].type() == STGTY_STREAM &&
+              high == 5);
   r[0].setName(units(u"untouched"));
-  EXPECT_FALSE(e->next(2, r, &fetched));  // one left: false, fetched 1, no record
+  EXPECT_FALSE(
+      e->next(2, r, &fetched));  // one left: false, fetched 1, no record
   EXPECT_TRUE(fetched == 1 && r[0].name()[0] == 'u');
   EXPECT_FALSE(e->skip(1));
   ASSERT_TRUE(e->clone(&ec) && ec->clone(&e));

@@ -14,7 +14,9 @@ const unsigned short* units(const char16_t* s) {
   return reinterpret_cast<const unsigned short*>(s);
 }
 
-std::u16string nameOf(gxdsSTATSTG& r) { return reinterpret_cast<const char16_t*>(r.name()); }
+std::u16string nameOf(gxdsSTATSTG& r) {
+  return reinterpret_cast<const char16_t*>(r.name());
+}
 
 const unsigned short* kPath = units(u"platform_test.gxw");
 const unsigned kCreate = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
@@ -37,8 +39,10 @@ TEST(PlatformAdapters, OverTheRealService) {
   EXPECT_FALSE(dir->release());
   gxStgCloseStorage(root);
 
-  SCOPED_TRACE("commit on a platform root does nothing: a transacted change is lost");
-  ASSERT_EQ(gxStgOpenStorage(kPath, kOpen | STGM_TRANSACTED, &root, false), S_OK);
+  SCOPED_TRACE(
+      "commit on a platform root does nothing: a transacted change is lost");
+  ASSERT_EQ(gxStgOpenStorage(kPath, kOpen | STGM_TRANSACTED, &root, false),
+            S_OK);
   ASSERT_EQ(root->openIStream(units(u"lost"), false, &a), S_OK);
   root->commit();
   EXPECT_TRUE(root->release());
@@ -93,7 +97,8 @@ TEST(PlatformAdapters, OverTheRealService) {
   ASSERT_TRUE(root->stat(&info));
   EXPECT_NE(nameOf(info).find(u"platform_test.gxw"), std::u16string::npos);
   ASSERT_EQ(root->openIStorage(units(u"dir"), true, &dir), S_OK);
-  EXPECT_TRUE(dir->stat(&info) && nameOf(info) == u"dir" && info.type() == STGTY_STORAGE);
+  EXPECT_TRUE(dir->stat(&info) && nameOf(info) == u"dir" &&
+              info.type() == STGTY_STORAGE);
   EXPECT_TRUE(root->release());
 }
 
