@@ -15,10 +15,6 @@
 
 namespace {
 
-const unsigned short* units(const char16_t* s) {
-  return reinterpret_cast<const unsigned short*>(s);
-}
-
 // Records what the adapter asks of a portable stream; positions are set by
 // the test.
 struct SeekProbe : gxdIStream {
@@ -80,6 +76,10 @@ TEST(Adapters, PortableSeekArithmetic) {
 }
 
 #ifndef _WIN32
+const unsigned short* units(const char16_t* s) {
+  return reinterpret_cast<const unsigned short*>(s);
+}
+
 // Counting fakes of the platform's interfaces. Names they hand out come from
 // CoTaskMemAlloc, so a name the adapters fail to free is a reported leak.
 struct Log {
