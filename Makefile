@@ -13,7 +13,10 @@
 # going when one fails, and fails at the end when any failed. A leg target
 # builds what it needs, runs its tests, prints "leg NAME: ..." and appends
 # that line to $(SUMMARY) (cmake/run-test-leg.sh does both for CTest suites).
-# It must fail when its tests fail or when it ran none. Add a leg with
+# It must fail when its tests fail or when it ran none. The summary ends with
+# "total: N passed, N failed" (cmake/summarize-legs.sh reads the leg lines:
+# "leg NAME: N tests passed" or "leg NAME: FAILED (N passed, N failed)").
+# Add a leg with
 #   TEST_LEGS += test-fuzz
 # and a `test-fuzz:` target below (or in an included file).
 
@@ -59,9 +62,7 @@ test: deps
 	    fi; \
 	  fi; \
 	done; \
-	echo "=== summary"; \
-	cat $(SUMMARY); \
-	if [ $$status -ne 0 ]; then echo "make test: FAILED"; else echo "make test: all legs passed"; fi; \
+	bash cmake/summarize-legs.sh $(SUMMARY) $$status; \
 	exit $$status
 
 build-dev:
