@@ -24,6 +24,10 @@
 # finds a crash, a leak, a timeout or an out-of-memory.
 set -uo pipefail
 
+# The whole script is one function, read before it runs, so that editing the
+# file during a long run does not disturb that run.
+main() {
+
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${FUZZ_BUILD_DIR:-$root/build/fuzz}
 seconds=${FUZZ_SECONDS:-300}
@@ -117,3 +121,6 @@ else
   leg_report "leg fuzz: FAILED ($((${#targets[@]} - passed)) of ${#targets[@]} targets failed)"
 fi
 exit $status
+}
+
+main "$@"
