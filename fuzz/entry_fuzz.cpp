@@ -113,25 +113,39 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Children belong to the adapter that opened them: nothing is released
   // here but the root.
   std::map<std::vector<std::u16string>, CGxAbsStorage*> storages;
+  gxFuzzShadowedPaths shadows;
   storages[{}] = root;
   for (const gxdInspectElement& e : inspector.elements()) {
     std::vector<std::u16string> parentPath(e.names.begin(), e.names.end() - 1);
+    const bool shadowed = shadows.covers(parentPath);
     auto parent = storages.find(parentPath);
-    GXFUZZ_CHECK(parent != storages.end());
+    if (parent == storages.end()) {
+      GXFUZZ_CHECK(shadowed);
+      continue;
+    }
     const std::vector<unsigned short> name = units(e.names.back());
     if (e.isStorage) {
       CGxAbsStorage* child = nullptr;
-      GXFUZZ_CHECK(parent->second->openIStorage(name.data(), true, &child) ==
-                       GX_S_OK &&
-                   child != nullptr);
+      const gxResult r =
+          parent->second->openIStorage(name.data(), true, &child);
+      GXFUZZ_CHECK((r == GX_S_OK) == (child != nullptr));
+      if (r != GX_S_OK) {
+        GXFUZZ_CHECK(shadowed && r == GX_STG_E_FILENOTFOUND);
+        continue;
+      }
       GXFUZZ_CHECK(!child->release());  // only a root releases itself
-      if (storages.emplace(e.names, child).second) exerciseStorage(child);
+      if (storages.emplace(e.names, child).second) {
+        exerciseStorage(child);
+      } else {
+        shadows.add(e.names);
+      }
     } else {
       // Once a read has failed the shared file stream, every later open of
       // a stream of the file fails too.
       CGxAbsStream* child = nullptr;
       const gxResult r = parent->second->openIStream(name.data(), true, &child);
-      GXFUZZ_CHECK(r == GX_S_OK || r == GX_E_FAIL);
+      GXFUZZ_CHECK(r == GX_S_OK || r == GX_E_FAIL ||
+                   (shadowed && r == GX_STG_E_FILENOTFOUND));
       GXFUZZ_CHECK((r == GX_S_OK) == (child != nullptr));
       if (child != nullptr) exerciseStream(child, walk);
     }

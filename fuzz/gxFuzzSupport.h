@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,26 @@ class gxFuzzOpenBudget {
   size_t inputSize_;
   std::clock_t start_;
   size_t heapBefore_;
+};
+
+// Storage paths that a lookup by name cannot reach as listed. Lookups find
+// the first sibling of a name, so when a storage's name appears twice under
+// one parent, the elements listed below that path may belong to the second
+// sibling and be missing from the first: opening them may fail with
+// STG_E_FILENOTFOUND.
+class gxFuzzShadowedPaths {
+ public:
+  typedef std::vector<std::u16string> Path;
+  void add(const Path& path) { paths_.insert(path); }
+  // True when `path` or one of its leading parts was added.
+  bool covers(const Path& path) const {
+    for (size_t n = 1; n <= path.size(); ++n)
+      if (paths_.count(Path(path.begin(), path.begin() + n)) != 0) return true;
+    return false;
+  }
+
+ private:
+  std::set<Path> paths_;
 };
 
 // Consumes the input from the front, a byte or a small integer at a time;

@@ -134,18 +134,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < size && i < 64; ++i) walk.seed += data[i];
   std::map<std::vector<std::u16string>, gxdIStorage*> storages;
   std::vector<gxdIStream*> streams;
+  gxFuzzShadowedPaths shadows;
   storages[{}] = root;
   for (const gxdInspectElement& e : inspector.elements()) {
     std::vector<std::u16string> parentPath(e.names.begin(), e.names.end() - 1);
+    const bool shadowed = shadows.covers(parentPath);
     auto parent = storages.find(parentPath);
-    GXFUZZ_CHECK(parent != storages.end());
+    if (parent == storages.end()) {
+      GXFUZZ_CHECK(shadowed);
+      continue;
+    }
     const std::u16string& name = e.names.back();
     if (e.isStorage) {
       gxdIStorage* child = nullptr;
       const gxResult r = parent->second->openStorage(name.c_str(), &child);
-      GXFUZZ_CHECK(r == GX_S_OK && child != nullptr);
+      GXFUZZ_CHECK((r == GX_S_OK) == (child != nullptr));
+      if (r != GX_S_OK) {
+        GXFUZZ_CHECK(shadowed && r == GX_STG_E_FILENOTFOUND);
+        continue;
+      }
       // A name listed twice opens the first; both paths map to one object.
       if (!storages.emplace(e.names, child).second) {
+        shadows.add(e.names);
         child->release();
         continue;
       }
@@ -155,7 +165,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const gxResult r = parent->second->openStream(name.c_str(), &child);
       // Once a read has failed the shared file stream, every later open of
       // a stream of the file fails too.
-      GXFUZZ_CHECK(r == GX_S_OK || r == GX_E_FAIL);
+      GXFUZZ_CHECK(r == GX_S_OK || r == GX_E_FAIL ||
+                   (shadowed && r == GX_STG_E_FILENOTFOUND));
       GXFUZZ_CHECK((r == GX_S_OK) == (child != nullptr));
       if (child == nullptr) continue;
       streams.push_back(child);
