@@ -147,12 +147,22 @@ gxRtTree readOurs(const std::u16string& file) {
       }
       gxdIStream* s = nullptr;
       if (cur != nullptr && cur->openStream(e.names.back().c_str(), &s) == 0) {
-        data.resize(e.size);
-        uint64_t got = 0;
-        if (e.size > 0) {
-          EXPECT_EQ(s->read(&data[0], e.size, &got), 0);
-        }
+        // Read in chunks of varying sizes, then land on a few positions
+        // through the chain and read one byte there.
+        data.resize(e.size + 10);
+        size_t got = 0;
+        for (uint64_t n = 1, k = 0; n > 0 && got < data.size(); got += n, ++k)
+          if (s->read(&data[got], std::min<size_t>(1 + (k * 977) % 3000,
+                                                   data.size() - got), &n))
+            break;
         data.resize(got);
+        for (uint64_t at = 0; at < data.size(); at += 1 + data.size() / 3) {
+          s->setPosition(at);
+          char c = 0;
+          uint64_t n = 0;
+          EXPECT_EQ(s->read(&c, 1, &n), 0);
+          EXPECT_TRUE(n == 1 && c == data[at] && s->position() == at + 1);
+        }
         s->release();
       }
       for (gxdIStorage* h : held) h->release();

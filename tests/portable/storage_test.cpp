@@ -1,13 +1,11 @@
 // Portable storage: result codes of opening and creating elements, the
-// temporary file's name, ownership of the tree, and round trips of random
-// trees through the portable objects.
+// temporary file's name and ownership of the tree.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -155,80 +153,6 @@ TEST(PortableStorage, ReleasingTheRootDestroysTheTree) {
     root->enumElements(&e);
     s->release();
     sub->release();
-    root->release();
-  }
-}
-
-// Random trees of storages and streams with random sizes (on both sides of
-// the mini stream cutoff), written in random chunks, committed, reopened and
-// read back in random chunks and from random positions.
-TEST(PortableStorage, RandomTreesRoundTrip) {
-  for (uint32_t seed = 1; seed <= 6; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
-    auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
-    std::vector<std::pair<std::vector<std::u16string>, std::vector<uint8_t>>>
-        streams;
-    std::vector<std::vector<std::u16string>> paths{{}};  // of each open storage
-    gxdIStorage* root = nullptr;
-    ASSERT_EQ(gxdStgCreateStorage(u"storage_test_rt.gxw", 0, &root), GX_S_OK);
-    std::vector<gxdIStorage*> open{root};
-    for (char16_t name = u'a'; name < u'a' + 14; ++name) {
-      const uint32_t at = pick(static_cast<uint32_t>(open.size()));
-      std::vector<std::u16string> path = paths[at];
-      path.push_back(std::u16string(1, name));
-      if (pick(4) == 0) {
-        open.push_back(nullptr);
-        ASSERT_EQ(open[at]->createStorage(path.back().c_str(), &open.back()),
-                  GX_S_OK);
-        paths.push_back(path);
-        continue;
-      }
-      gxdIStream* s = nullptr;
-      ASSERT_EQ(open[at]->createStream(path.back().c_str(), &s), GX_S_OK);
-      const uint32_t sizes[] = {0, 1, 100, 4095, 4096, 5000, 70000};
-      std::vector<uint8_t> data(sizes[pick(7)] + pick(3));
-      for (auto& byte : data) byte = static_cast<uint8_t>(rng());
-      for (size_t done = 0; done < data.size();) {
-        const size_t n = std::min<size_t>(data.size() - done, 1 + pick(1500));
-        uint64_t written = 0;
-        ASSERT_EQ(s->write(data.data() + done, n, &written), GX_S_OK);
-        ASSERT_EQ(written, n);
-        done += n;
-      }
-      s->release();
-      streams.emplace_back(path, data);
-    }
-    root->commit();
-    for (gxdIStorage* storage : open) storage->release();
-
-    ASSERT_EQ(gxdStgOpenStorage(u"storage_test_rt.gxw", 0, &root), GX_S_OK);
-    for (const auto& stream : streams) {
-      const std::vector<uint8_t>& data = stream.second;
-      gxdIStorage* dir = root;
-      for (size_t i = 0; i + 1 < stream.first.size(); ++i) {
-        ASSERT_EQ(dir->openStorage(stream.first[i].c_str(), &dir), GX_S_OK);
-        dir->release();  // the parent keeps it open
-      }
-      gxdIStream* s = nullptr;
-      ASSERT_EQ(dir->openStream(stream.first.back().c_str(), &s), GX_S_OK);
-      std::vector<uint8_t> back(data.size() + 10);
-      size_t got = 0;
-      for (uint64_t n = 1; n > 0 && got < back.size(); got += n)
-        if (s->read(&back[got],
-                    std::min<uint64_t>(1 + pick(3000), back.size() - got), &n))
-          break;
-      back.resize(got);
-      EXPECT_TRUE(back == data) << data.size() << " bytes, got " << got;
-      for (int k = 0; k < 5 && !data.empty(); ++k) {
-        const uint32_t at = pick(static_cast<uint32_t>(data.size()));
-        s->setPosition(at);
-        uint64_t n = 0;
-        EXPECT_EQ(s->read(&back[0], 1, &n), GX_S_OK);
-        EXPECT_TRUE(n == 1 && back[0] == data[at] && s->position() == at + 1u);
-      }
-      s->release();
-    }
     root->release();
   }
 }
