@@ -31,10 +31,10 @@ gxdIStorage* makeAndOpen(const char16_t* path) {
   gxdIStorage* root = nullptr;
   EXPECT_EQ(gxdStgCreateStorage(path, 0, &root), GX_S_OK);
   uint32_t seed = 0;
-  for (const auto& spec : kStreams) {
+  for (const auto& item : kStreams) {
     gxdIStream* s = nullptr;
-    EXPECT_EQ(root->createStream(spec.first, &s), GX_S_OK);
-    s->write(pattern(seed++, spec.second).data(), spec.second, nullptr);
+    EXPECT_EQ(root->createStream(item.first, &s), GX_S_OK);
+    s->write(pattern(seed++, item.second).data(), item.second, nullptr);
     s->release();
   }
   root->commit();
