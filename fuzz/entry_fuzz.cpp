@@ -9,7 +9,7 @@
 
 #include "fuzz/gxFuzzSupport.h"
 #include "gxStorage.h"
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 
 namespace {
 
@@ -106,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   GXFUZZ_CHECK(root != nullptr);
   exerciseStorage(root);
 
-  gxdInspector inspector;
-  GXFUZZ_CHECK(inspector.open(widePath.c_str()) == gxdInspector::Status::kOk);
+  gxdFileView inspector;
+  GXFUZZ_CHECK(inspector.open(widePath.c_str()) == gxdFileView::Status::kOk);
   Walk walk;
   for (size_t i = 0; i < size && i < 64; ++i) walk.seed += data[i];
   // Children belong to the adapter that opened them: nothing is released
@@ -115,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::map<std::vector<std::u16string>, CGxAbsStorage*> storages;
   gxFuzzShadowedPaths shadows;
   storages[{}] = root;
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     std::vector<std::u16string> parentPath(e.names.begin(), e.names.end() - 1);
     const bool shadowed = shadows.covers(parentPath);
     auto parent = storages.find(parentPath);

@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "fuzz/gxFuzzSupport.h"
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 
 namespace {
@@ -120,9 +120,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::stringstream memory(
       std::string(reinterpret_cast<const char*>(data), size),
       std::ios::in | std::ios::out | std::ios::binary);
-  gxdInspector inspector;
-  const gxdInspector::Status status = inspector.open(&memory);
-  GXFUZZ_CHECK((opened == GX_S_OK) == (status == gxdInspector::Status::kOk));
+  gxdFileView inspector;
+  const gxdFileView::Status status = inspector.open(&memory);
+  GXFUZZ_CHECK((opened == GX_S_OK) == (status == gxdFileView::Status::kOk));
   if (opened != GX_S_OK) {
     GXFUZZ_CHECK(opened == GX_E_FAIL && root == nullptr);
     return 0;
@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<gxdIStream*> streams;
   gxFuzzShadowedPaths shadows;
   storages[{}] = root;
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     std::vector<std::u16string> parentPath(e.names.begin(), e.names.end() - 1);
     const bool shadowed = shadows.covers(parentPath);
     auto parent = storages.find(parentPath);

@@ -11,7 +11,7 @@
 #include <tuple>
 
 #include "fuzz/gxFuzzSupport.h"
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 
 namespace {
@@ -87,15 +87,15 @@ struct Run {
 
 void verify(const std::string& path, Run& run) {
   const std::u16string widePath = gxFuzzWide(path);
-  gxdInspector inspector;
-  GXFUZZ_CHECK(inspector.open(widePath.c_str()) == gxdInspector::Status::kOk);
+  gxdFileView inspector;
+  GXFUZZ_CHECK(inspector.open(widePath.c_str()) == gxdFileView::Status::kOk);
   typedef std::tuple<std::vector<std::u16string>, bool, uint64_t> Item;
   std::vector<Item> want, got;
   for (size_t i = 1; i < run.storages.size(); ++i)
     want.emplace_back(run.storages[i].path, true, 0);
   for (const ModelStream& s : run.streams)
     want.emplace_back(s.path, false, s.position);
-  for (const gxdInspectElement& e : inspector.elements())
+  for (const gxdFileViewElement& e : inspector.elements())
     got.emplace_back(e.names, e.isStorage, e.size);
   std::sort(want.begin(), want.end());
   std::sort(got.begin(), got.end());

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 
 // Element path (names joined by '/') -> (is a storage, stream bytes). Also
@@ -127,12 +127,12 @@ gxRtTree treeOf(const std::vector<Element>& plan) {
 // each stream's bytes read through the portable objects.
 gxRtTree readOurs(const std::u16string& file) {
   gxRtTree tree;
-  gxdInspector inspector;
-  EXPECT_EQ(inspector.open(file.c_str()), gxdInspector::Status::kOk);
+  gxdFileView inspector;
+  EXPECT_EQ(inspector.open(file.c_str()), gxdFileView::Status::kOk);
   gxdIStorage* root = nullptr;
   EXPECT_EQ(gxdStgOpenStorage(file.c_str(), 0, &root), 0);
   if (root == nullptr) return tree;
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     std::u16string path;
     for (const std::u16string& n : e.names) path += path.empty() ? n : u"/" + n;
     std::string data;

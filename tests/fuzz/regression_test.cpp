@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 
 namespace {
@@ -82,9 +82,9 @@ TEST(FuzzRegression, CommittedCorpusOpensOrIsRefused) {
         EXPECT_EQ(root, nullptr);
         continue;
       }
-      gxdInspector inspector;
-      ASSERT_EQ(inspector.open(wide.c_str()), gxdInspector::Status::kOk);
-      for (const gxdInspectElement& e : inspector.elements()) {
+      gxdFileView inspector;
+      ASSERT_EQ(inspector.open(wide.c_str()), gxdFileView::Status::kOk);
+      for (const gxdFileViewElement& e : inspector.elements()) {
         if (e.isStorage || e.names.size() != 1) continue;
         gxdIStream* s = nullptr;
         if (root->openStream(e.names[0].c_str(), &s) != GX_S_OK) continue;

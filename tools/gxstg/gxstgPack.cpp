@@ -8,7 +8,7 @@
 
 #include "gxStorage.h"
 #include "gxstg.h"
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 
 namespace gxstg {
 
@@ -184,8 +184,8 @@ int runPack(const Args& args) {
 
   // The library reports no write failure; loading the result back is how a
   // full disk or an unwritable file shows.
-  gxdInspector check;
-  if (check.open(path.c_str()) != gxdInspector::Status::kOk ||
+  gxdFileView check;
+  if (check.open(path.c_str()) != gxdFileView::Status::kOk ||
       check.elements().size() != scan.elements)
     return fail(kExitMissing, args[1] + ": writing the file failed");
   return kExitOk;

@@ -10,7 +10,7 @@
 
 #include "gxStorage.h"
 #include "gxstg.h"
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 
 namespace gxstg {
 
@@ -27,11 +27,11 @@ std::u16string filePath(const std::string& utf8) {
   return path;
 }
 
-int exitCodeOf(gxdInspector::Status status) {
+int exitCodeOf(gxdFileView::Status status) {
   switch (status) {
-    case gxdInspector::Status::kOk:
+    case gxdFileView::Status::kOk:
       return kExitOk;
-    case gxdInspector::Status::kMissing:
+    case gxdFileView::Status::kMissing:
       return kExitMissing;
     default:
       return kExitCorrupt;
@@ -40,7 +40,7 @@ int exitCodeOf(gxdInspector::Status status) {
 
 // Loads FILE into `inspector`; on failure prints why and returns the exit
 // code, else 0.
-int load(const std::string& file, gxdInspector& inspector) {
+int load(const std::string& file, gxdFileView& inspector) {
   std::error_code ec;
   if (fs::is_directory(hostPath(file), ec))
     return fail(kExitMissing, file + ": is a directory");
@@ -48,11 +48,11 @@ int load(const std::string& file, gxdInspector& inspector) {
     return fail(kExitMissing, file + ": no such file");
   std::u16string path = filePath(file);
   if (path.empty()) return fail(kExitUsage, file + ": not valid UTF-8");
-  gxdInspector::Status status = inspector.open(path.c_str());
-  if (status == gxdInspector::Status::kOk) return kExitOk;
-  std::string why = gxdInspector::describe(status);
-  if (status != gxdInspector::Status::kMissing &&
-      status != gxdInspector::Status::kCorrupt)
+  gxdFileView::Status status = inspector.open(path.c_str());
+  if (status == gxdFileView::Status::kOk) return kExitOk;
+  std::string why = gxdFileView::describe(status);
+  if (status != gxdFileView::Status::kMissing &&
+      status != gxdFileView::Status::kCorrupt)
     why = "not a compound file (" + why + ")";
   return fail(exitCodeOf(status), file + ": " + why);
 }
@@ -133,21 +133,21 @@ int runProbe(const Args& args) {
     } else {
       std::u16string path = filePath(file);
       gxResult probe = gxStgIsStorageFile(units(path), true);
-      gxdInspector inspector;
-      gxdInspector::Status status = inspector.open(path.c_str());
+      gxdFileView inspector;
+      gxdFileView::Status status = inspector.open(path.c_str());
       code = exitCodeOf(status);
-      if (status == gxdInspector::Status::kOk && probe == GX_S_OK) {
+      if (status == gxdFileView::Status::kOk && probe == GX_S_OK) {
         verdict = "compound file, version " +
                   std::to_string(inspector.file().header.majorVersion);
-      } else if (status == gxdInspector::Status::kOk) {
+      } else if (status == gxdFileView::Status::kOk) {
         verdict = "loads, but the library's probe refuses it";
         code = kExitCorrupt;
-      } else if (status == gxdInspector::Status::kCorrupt ||
-                 status == gxdInspector::Status::kMissing) {
-        verdict = gxdInspector::describe(status);
+      } else if (status == gxdFileView::Status::kCorrupt ||
+                 status == gxdFileView::Status::kMissing) {
+        verdict = gxdFileView::describe(status);
       } else {
         verdict = std::string("not a compound file: ") +
-                  gxdInspector::describe(status);
+                  gxdFileView::describe(status);
       }
     }
     std::cout << file << ": " << verdict << "\n";
@@ -160,11 +160,11 @@ int runProbe(const Args& args) {
 
 int runInfo(const Args& args) {
   if (args.size() != 1) return fail(kExitUsage, "info: usage: gxstg info FILE");
-  gxdInspector inspector;
+  gxdFileView inspector;
   if (int code = load(args[0], inspector)) return code;
   const gxdCompoundFile& f = inspector.file();
   uint64_t storages = 0, streams = 0, bytes = 0;
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     if (e.isStorage) {
       ++storages;
     } else {
@@ -190,9 +190,9 @@ int runInfo(const Args& args) {
 
 int runTree(const Args& args) {
   if (args.size() != 1) return fail(kExitUsage, "tree: usage: gxstg tree FILE");
-  gxdInspector inspector;
+  gxdFileView inspector;
   if (int code = load(args[0], inspector)) return code;
-  for (const gxdInspectElement& e : inspector.elements())
+  for (const gxdFileViewElement& e : inspector.elements())
     std::cout << gxdDisplayPath(e.names) << '\t'
               << (e.isStorage ? "storage" : "stream") << '\t' << e.size << '\n';
   return kExitOk;
@@ -205,9 +205,9 @@ int runCat(const Args& args) {
   if (!parseElementPath(args[1], names))
     return fail(kExitUsage,
                 "cat: '" + args[1] + "' is not a valid element path");
-  gxdInspector inspector;
+  gxdFileView inspector;
   if (int code = load(args[0], inspector)) return code;
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     if (e.names != names) continue;
     if (e.isStorage)
       return fail(kExitUsage, args[1] + ": is a storage, not a stream");
@@ -223,7 +223,7 @@ int runCat(const Args& args) {
 int runExtract(const Args& args) {
   if (args.size() != 2)
     return fail(kExitUsage, "extract: usage: gxstg extract FILE DIR");
-  gxdInspector inspector;
+  gxdFileView inspector;
   if (int code = load(args[0], inspector)) return code;
   const fs::path dir = hostPath(args[1]);
   std::error_code ec;
@@ -246,7 +246,7 @@ int runExtract(const Args& args) {
   int result = kExitOk;
   Progress progress("extract");
   std::set<std::vector<std::u16string>> skipped;  // storages not created
-  for (const gxdInspectElement& e : inspector.elements()) {
+  for (const gxdFileViewElement& e : inspector.elements()) {
     bool underSkipped = false;
     for (size_t n = 1; n < e.names.size() && !underSkipped; ++n)
       underSkipped = skipped.count(std::vector<std::u16string>(

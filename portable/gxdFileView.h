@@ -1,8 +1,8 @@
 // A read-only view of a whole compound file, for tools and tests that must
 // list every element (the portable enumerator lists only open children).
 // Internal to the build; not exported.
-#ifndef GXSTORAGE_PORTABLE_GXDINSPECT_H_
-#define GXSTORAGE_PORTABLE_GXDINSPECT_H_
+#ifndef GXSTORAGE_PORTABLE_GXDFILEVIEW_H_
+#define GXSTORAGE_PORTABLE_GXDFILEVIEW_H_
 
 #include <cstdint>
 #include <fstream>
@@ -12,14 +12,14 @@
 
 #include "engine/gxdCompoundFile.h"
 
-struct gxdInspectElement {
+struct gxdFileViewElement {
   std::vector<std::u16string> names;  // path from the root, one per level
   bool isStorage = false;
   uint64_t size = 0;
   uint32_t startSector = 0;
 };
 
-class gxdInspector {
+class gxdFileView {
  public:
   enum class Status {
     kOk,
@@ -31,9 +31,9 @@ class gxdInspector {
     kCorrupt,      // the header is acceptable but the file does not load
   };
 
-  gxdInspector() = default;
-  gxdInspector(const gxdInspector&) = delete;
-  gxdInspector& operator=(const gxdInspector&) = delete;
+  gxdFileView() = default;
+  gxdFileView(const gxdFileView&) = delete;
+  gxdFileView& operator=(const gxdFileView&) = delete;
 
   // Loads the file read-only.
   Status open(const char16_t* path);
@@ -44,7 +44,7 @@ class gxdInspector {
   const gxdCompoundFile& file() const { return *file_; }
   // Every element below the root, storages before their children, in the
   // order of the loaded tree.
-  std::vector<gxdInspectElement> elements() const;
+  std::vector<gxdFileViewElement> elements() const;
 
   static const char* describe(Status status);
 
@@ -59,4 +59,4 @@ class gxdInspector {
 std::string gxdDisplayPath(const std::vector<std::u16string>& names);
 std::string gxdDisplayName(const std::u16string& name);
 
-#endif  // GXSTORAGE_PORTABLE_GXDINSPECT_H_
+#endif  // GXSTORAGE_PORTABLE_GXDFILEVIEW_H_

@@ -1,4 +1,4 @@
-#include "portable/gxdInspect.h"
+#include "portable/gxdFileView.h"
 
 #include <cstdio>
 #include <cstring>
@@ -7,14 +7,14 @@
 #include "engine/gxdFormat.h"
 #include "porting/gxdPorting.h"
 
-gxdInspector::Status gxdInspector::open(const char16_t* path) {
+gxdFileView::Status gxdFileView::open(const char16_t* path) {
   stream_.reset(new std::fstream);
   pdOpenFile(path, kPdOpenRead, *stream_);
   if (stream_->fail()) return Status::kMissing;
   return open(stream_.get());
 }
 
-gxdInspector::Status gxdInspector::open(std::iostream* stream) {
+gxdFileView::Status gxdFileView::open(std::iostream* stream) {
   uint8_t raw[kHeaderSize];
   stream->read(reinterpret_cast<char*>(raw), kHeaderSize);
   if (stream->gcount() != static_cast<std::streamsize>(kHeaderSize))
@@ -34,8 +34,8 @@ gxdInspector::Status gxdInspector::open(std::iostream* stream) {
   return Status::kOk;
 }
 
-std::vector<gxdInspectElement> gxdInspector::elements() const {
-  std::vector<gxdInspectElement> out;
+std::vector<gxdFileViewElement> gxdFileView::elements() const {
+  std::vector<gxdFileViewElement> out;
   if (!file_) return out;
   // Depth-first with an explicit stack; each storage is listed before its
   // children, streams before sub-storages' contents at each level.
@@ -50,7 +50,7 @@ std::vector<gxdInspectElement> gxdInspector::elements() const {
     stack.pop_back();
     std::vector<Frame> below;
     for (const gxdStorageEntry& s : frame.entry->storages) {
-      gxdInspectElement e;
+      gxdFileViewElement e;
       e.names = frame.names;
       e.names.push_back(s.name);
       e.isStorage = true;
@@ -60,7 +60,7 @@ std::vector<gxdInspectElement> gxdInspector::elements() const {
       below.push_back({&s, e.names});
     }
     for (const gxdDirEntry& s : frame.entry->streams) {
-      gxdInspectElement e;
+      gxdFileViewElement e;
       e.names = frame.names;
       e.names.push_back(s.name);
       e.size = s.size;
@@ -72,7 +72,7 @@ std::vector<gxdInspectElement> gxdInspector::elements() const {
   return out;
 }
 
-const char* gxdInspector::describe(Status status) {
+const char* gxdFileView::describe(Status status) {
   switch (status) {
     case Status::kOk:
       return "compound file";
