@@ -5,10 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <map>
 
-#include "engine/gxdCompoundFile.h"
+#include "support/gxRoundTrip.h"
 
 #ifdef _WIN32
 #include <objbase.h>
@@ -16,97 +14,36 @@
 
 namespace {
 
-// The sample tree; '/' separates storages; size 0xFFFFFFFF marks a storage.
-using Tree = std::vector<std::pair<std::u16string, uint32_t>>;
-constexpr uint32_t kStorage = 0xFFFFFFFFu;
-
-Tree sampleTree(int children, bool large) {
-  Tree t = {{u"Docs", kStorage},
-            {u"Docs/Inner", kStorage},
-            {u"Docs/Inner/deep", 100},
-            {u"Docs/empty", 0},
-            {u"Docs/below cutoff", 4095},
-            {u"Docs/Cutoff", 4096},
-            {u"Many", kStorage},
-            {u"A name of thirty-one units long", 65},
-            {u"notes", 3}};
+gxRtTree sampleTree(int children, bool large) {
+  const uint32_t kStorage = 0xFFFFFFFFu;
+  std::vector<std::pair<std::u16string, uint32_t>> t = {
+      {u"Docs", kStorage},        {u"Docs/Inner", kStorage},
+      {u"Docs/Inner/deep", 100},  {u"Docs/empty", 0},
+      {u"Docs/below cutoff", 4095}, {u"Docs/Cutoff", 4096},
+      {u"Many", kStorage},        {u"A name of thirty-one units long", 65},
+      {u"notes", 3}};
   for (int i = 0; i < children; ++i)
     t.push_back({u"Many/c" + std::u16string{char16_t(u'A' + i % 26),
                                             char16_t(u'a' + i / 26)},
                  uint32_t(i * 37)});
   if (large) t.push_back({u"Docs/big", 7500000});
-  return t;
-}
-
-std::string pattern(const std::u16string& path, uint32_t size) {
-  std::string s(size, '\0');
-  for (size_t i = 0; i < s.size(); ++i)
-    s[i] = char(i * 31 + path.size() + i / 4096);
-  return s;
-}
-
-// A stream's data through the engine's tables, following its chain the way a
-// reader does; every walk is bounded by the stream's size.
-std::string readData(gxdCompoundFile& f, const gxdDirEntry& e) {
-  std::string out, sector(f.sectorSize, '\0');
-  uint32_t s = e.startSector;
-  for (uint64_t n = 0; out.size() < e.size; ++n) {
-    if (e.size < f.header.miniStreamCutoff) {
-      size_t at = size_t(s) * f.miniSectorSize;
-      if (s >= f.miniFat.size() || at >= f.miniStream.size()) return "bad";
-      out.append(f.miniStream.begin() + at,
-                 f.miniStream.begin() +
-                     std::min(f.miniStream.size(), at + f.miniSectorSize));
-      s = f.miniFat[s];
-      continue;
-    }
-    if (s >= f.fat.size() || n > e.size / f.sectorSize) return "bad";
-    f.fileStream->seekg(
-        std::streamoff((uint64_t(s) + 1) << f.header.sectorShift));
-    f.fileStream->read(&sector[0], f.sectorSize);
-    out.append(sector, 0, size_t(f.fileStream->gcount()));
-    s = f.fat[s];
+  gxRtTree tree;
+  for (const auto& [path, size] : t) {
+    std::string s(size == kStorage ? 0 : size, '\0');
+    for (size_t i = 0; i < s.size(); ++i)
+      s[i] = char(i * 31 + path.size() + i / 4096);
+    tree[path] = {size == kStorage, s};
   }
-  out.resize(e.size);
-  return out;
+  return tree;
 }
 
-size_t countEntries(const gxdStorageEntry& e) {
-  size_t n = e.streams.size();
-  for (const auto& s : e.storages) n += 1 + countEntries(s);
-  return n;
-}
-
-// Loads `path` and checks its whole tree against `tree`.
-void checkFile(const std::string& path, int version, const Tree& tree) {
+void checkFile(const std::string& path, int version, const gxRtTree& tree) {
   SCOPED_TRACE(path);
-  std::fstream stream(path, std::ios::in | std::ios::binary);
-  ASSERT_TRUE(stream.is_open());
-  gxdCompoundFile f(&stream, nullptr, true);
-  ASSERT_FALSE(stream.fail());
-  EXPECT_EQ(version == 4 ? 4096 : 512, f.sectorSize);
-  EXPECT_EQ(tree.size(), countEntries(f.rootEntry));
-  for (const auto& [path, size] : tree) {
-    SCOPED_TRACE(std::string(path.begin(), path.end()));
-    gxdStorageEntry parent = f.rootEntry, st;
-    size_t from = 0, slash;
-    for (; (slash = path.find(u'/', from)) != std::u16string::npos;
-         from = slash + 1) {
-      gxdStorageEntry child;
-      child.name = path.substr(from, slash - from);
-      ASSERT_TRUE(f.findOrAddStorage(&parent, child, false));
-      parent = child;
-    }
-    gxdDirEntry sm;
-    st.name = sm.name = path.substr(from);
-    EXPECT_EQ(size == kStorage, f.findOrAddStorage(&parent, st, false));
-    if (size != kStorage) {
-      ASSERT_TRUE(f.findOrAddStream(&parent, sm, false));
-      EXPECT_EQ(size, sm.size);
-      EXPECT_TRUE(readData(f, sm) == pattern(path, size));
-      stream.clear();
-    }
-  }
+  uint32_t sectorSize = 0;
+  gxExpectSameTree(gxReadOurs(std::u16string(path.begin(), path.end()),
+                              &sectorSize),
+                   tree);
+  EXPECT_EQ(version == 4 ? 4096u : 512u, sectorSize);
 }
 
 TEST(PlatformFiles, CommittedFixturesLoadWithTheirTree) {
@@ -116,8 +53,9 @@ TEST(PlatformFiles, CommittedFixturesLoadWithTheirTree) {
 
 #ifdef _WIN32
 // Writes `tree` with the platform's structured storage, as a version 3 file
-// or a version 4 file with 4096-byte sectors.
-void writeWithPlatform(const std::string& path, int version, const Tree& tree) {
+// or a version 4 file with 4096-byte sectors. Parents sort before children.
+void writeWithPlatform(const std::string& path, int version,
+                       const gxRtTree& tree) {
   std::wstring wpath(path.begin(), path.end());
   const DWORD mode = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
   STGOPTIONS options = {};
@@ -130,20 +68,18 @@ void writeWithPlatform(const std::string& path, int version, const Tree& tree) {
                                            0, &options, nullptr, IID_IStorage,
                                            reinterpret_cast<void**>(&root)));
   std::map<std::u16string, IStorage*> storages = {{u"", root}};
-  for (const auto& [path, size] : tree) {
-    size_t slash = path.rfind(u'/'),
-           cut = slash == std::u16string::npos ? 0 : slash;
-    IStorage* parent = storages[path.substr(0, cut)];
-    auto name =
-        reinterpret_cast<const wchar_t*>(path.c_str() + (cut ? cut + 1 : 0));
-    if (size == kStorage) {
+  for (const auto& [path, value] : tree) {
+    const size_t slash = path.rfind(u'/');
+    IStorage* parent = storages[slash == path.npos ? u"" : path.substr(0, slash)];
+    auto name = reinterpret_cast<const wchar_t*>(path.c_str() + slash + 1);
+    if (value.first) {
       ASSERT_EQ(S_OK, parent->CreateStorage(name, mode, 0, 0, &storages[path]));
       continue;
     }
     IStream* s = nullptr;
     ASSERT_EQ(S_OK, parent->CreateStream(name, mode, 0, 0, &s));
-    std::string data = pattern(path, size);
-    EXPECT_EQ(S_OK, s->Write(data.data(), ULONG(data.size()), nullptr));
+    EXPECT_EQ(S_OK, s->Write(value.second.data(), ULONG(value.second.size()),
+                             nullptr));
     s->Release();
   }
   for (auto it = storages.rbegin(); it != storages.rend(); ++it) {

@@ -7,18 +7,9 @@
 #include <objidl.h>
 
 #include <filesystem>
-#include <map>
 #include <random>
-#include <string>
-#include <utility>
-#include <vector>
 
-// Defined with the round-trip tests: the seeded random trees (and one file
-// with DIFAT sectors) written into `dir`, each file with its tree.
-using gxRtTree = std::map<std::u16string, std::pair<bool, std::string>>;
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
-    const std::u16string& dir);
-void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
+#include "support/gxRoundTrip.h"
 
 namespace {
 
@@ -27,36 +18,29 @@ void readPlatform(IStorage* storage, const std::u16string& prefix,
   IEnumSTATSTG* e = nullptr;
   ASSERT_EQ(storage->EnumElements(0, nullptr, 0, &e), S_OK);
   STATSTG st;
+  const DWORD mode = STGM_READ | STGM_SHARE_EXCLUSIVE;
   while (e->Next(1, &st, nullptr) == S_OK) {
     const std::u16string name(reinterpret_cast<const char16_t*>(st.pwcsName));
     const std::u16string path = prefix.empty() ? name : prefix + u"/" + name;
-    const DWORD mode = STGM_READ | STGM_SHARE_EXCLUSIVE;
+    IStorage* child = nullptr;
+    IStream* s = nullptr;
+    std::string data(static_cast<size_t>(st.cbSize.QuadPart), '\0');
+    ULONG got = 0;
     if (st.type == STGTY_STORAGE) {
-      IStorage* child = nullptr;
-      EXPECT_EQ(
-          storage->OpenStorage(st.pwcsName, nullptr, mode, nullptr, 0, &child),
-          S_OK);
-      tree[path] = {true, {}};
-      if (child != nullptr) {
-        readPlatform(child, path, tree);
-        child->Release();
-      }
+      EXPECT_EQ(storage->OpenStorage(st.pwcsName, nullptr, mode, nullptr, 0,
+                                     &child),
+                S_OK);
+      if (child != nullptr) readPlatform(child, path, tree), child->Release();
     } else {
-      IStream* s = nullptr;
       EXPECT_EQ(st.type, static_cast<DWORD>(STGTY_STREAM));
       // Opening by name also checks that the children tree is ordered the
       // way the platform searches it.
       EXPECT_EQ(storage->OpenStream(st.pwcsName, nullptr, mode, 0, &s), S_OK);
-      std::string data(static_cast<size_t>(st.cbSize.QuadPart), '\0');
-      ULONG got = 0;
-      if (s != nullptr) {
-        if (!data.empty())
-          s->Read(&data[0], static_cast<ULONG>(data.size()), &got);
-        s->Release();
-      }
-      data.resize(got);
-      tree[path] = {false, data};
+      if (s != nullptr && !data.empty()) s->Read(&data[0], ULONG(data.size()), &got);
+      if (s != nullptr) s->Release();
     }
+    data.resize(got);
+    tree[path] = {st.type == STGTY_STORAGE, data};
     CoTaskMemFree(st.pwcsName);
   }
   e->Release();

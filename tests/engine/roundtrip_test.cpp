@@ -6,22 +6,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <random>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
-
-// Element path (names joined by '/') -> (is a storage, stream bytes). Also
-// used by the platform reader test, hence outside the anonymous namespace.
-using gxRtTree = std::map<std::u16string, std::pair<bool, std::string>>;
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
-    const std::u16string& dir);
-void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
+#include "support/gxRoundTrip.h"
 
 namespace {
 
@@ -67,31 +57,25 @@ std::vector<Element> randomPlan(uint32_t seed) {
   return plan;
 }
 
-std::pair<std::u16string, std::u16string> splitPath(
-    const std::u16string& path) {
-  const size_t slash = path.rfind(u'/');
-  if (slash == std::u16string::npos) return {u"", path};
-  return {path.substr(0, slash), path.substr(slash + 1)};
-}
-
 // Creates every element, then writes the streams in chunks of random sizes,
 // taking turns, so that their blocks interleave in the temporary file.
-void writePlan(const std::u16string& file, const std::vector<Element>& plan,
-               uint32_t seed) {
+gxRtTree writePlan(const std::u16string& file, const std::vector<Element>& plan,
+                   uint32_t seed) {
+  gxRtTree tree;
   gxdIStorage* root = nullptr;
-  ASSERT_EQ(gxdStgCreateStorage(file.c_str(), 0, &root), 0);
+  EXPECT_EQ(gxdStgCreateStorage(file.c_str(), 0, &root), 0);
   std::map<std::u16string, gxdIStorage*> storages{{u"", root}};
   std::vector<std::pair<gxdIStream*, const Element*>> streams;
   for (const Element& e : plan) {
-    const auto [parent, name] = splitPath(e.path);
-    if (e.storage) {
-      ASSERT_EQ(
-          storages[parent]->createStorage(name.c_str(), &storages[e.path]), 0);
-    } else {
-      gxdIStream* s = nullptr;
-      ASSERT_EQ(storages[parent]->createStream(name.c_str(), &s), 0);
-      streams.emplace_back(s, &e);
-    }
+    tree[e.path] = {e.storage, e.data};
+    const size_t slash = e.path.rfind(u'/');
+    gxdIStorage* parent = storages[slash == e.path.npos ? u"" : e.path.substr(0, slash)];
+    const std::u16string name = e.path.substr(slash + 1);  // npos + 1 == 0
+    gxdIStream* s = nullptr;
+    EXPECT_EQ(e.storage ? parent->createStorage(name.c_str(), &storages[e.path])
+                        : parent->createStream(name.c_str(), &s),
+              0);
+    if (s != nullptr) streams.emplace_back(s, &e);
   }
   std::mt19937 rng(seed);
   std::vector<size_t> done(streams.size());
@@ -104,77 +88,17 @@ void writePlan(const std::u16string& file, const std::vector<Element>& plan,
           d.size() - done[i],
           rng() % 3 != 0 ? 1 + rng() % 1500 : 1 + rng() % 300000);
       uint64_t written = 0;
-      ASSERT_EQ(streams[i].first->write(d.data() + done[i], n, &written), 0);
-      ASSERT_EQ(written, n);
+      EXPECT_EQ(streams[i].first->write(d.data() + done[i], n, &written), 0);
+      EXPECT_EQ(written, n);
       done[i] += n;
       more = true;
     }
   }
   root->commit();
   for (auto& s : streams) s.first->release();
-  for (auto& s : storages)
-    if (s.second != root) s.second->release();
-  root->release();
-}
-
-gxRtTree treeOf(const std::vector<Element>& plan) {
-  gxRtTree tree;
-  for (const Element& e : plan) tree[e.path] = {e.storage, e.data};
+  for (auto it = storages.rbegin(); it != storages.rend(); ++it)
+    it->second->release();  // the root ("" sorts first) last
   return tree;
-}
-
-// The tree as our loader sees it: the element list of the whole file, and
-// each stream's bytes read through the portable objects.
-gxRtTree readOurs(const std::u16string& file) {
-  gxRtTree tree;
-  gxdFileView inspector;
-  EXPECT_EQ(inspector.open(file.c_str()), gxdFileView::Status::kOk);
-  gxdIStorage* root = nullptr;
-  EXPECT_EQ(gxdStgOpenStorage(file.c_str(), 0, &root), 0);
-  if (root == nullptr) return tree;
-  for (const gxdFileViewElement& e : inspector.elements()) {
-    std::u16string path;
-    for (const std::u16string& n : e.names) path += path.empty() ? n : u"/" + n;
-    std::string data;
-    if (!e.isStorage) {
-      std::vector<gxdIStorage*> held;
-      gxdIStorage* cur = root;
-      for (size_t k = 0; k + 1 < e.names.size() && cur != nullptr; ++k) {
-        gxdIStorage* next = nullptr;
-        EXPECT_EQ(cur->openStorage(e.names[k].c_str(), &next), 0);
-        if (next != nullptr) held.push_back(next);
-        cur = next;
-      }
-      gxdIStream* s = nullptr;
-      if (cur != nullptr && cur->openStream(e.names.back().c_str(), &s) == 0) {
-        // Read in chunks of varying sizes, then land on a few positions
-        // through the chain and read one byte there.
-        data.resize(e.size + 10);
-        size_t got = 0;
-        for (uint64_t n = 1, k = 0; n > 0 && got < data.size(); got += n, ++k)
-          if (s->read(&data[got], std::min<size_t>(1 + (k * 977) % 3000,
-                                                   data.size() - got), &n))
-            break;
-        data.resize(got);
-        for (uint64_t at = 0; at < data.size(); at += 1 + data.size() / 3) {
-          s->setPosition(at);
-          char c = 0;
-          uint64_t n = 0;
-          EXPECT_EQ(s->read(&c, 1, &n), 0);
-          EXPECT_TRUE(n == 1 && c == data[at] && s->position() == at + 1);
-        }
-        s->release();
-      }
-      for (gxdIStorage* h : held) h->release();
-    }
-    tree[path] = {e.isStorage, data};
-  }
-  root->release();
-  return tree;
-}
-
-std::u16string u16(const std::string& s) {
-  return std::u16string(s.begin(), s.end());
 }
 
 #ifndef _WIN32
@@ -197,12 +121,8 @@ void writeMirror(const std::filesystem::path& root, const gxRtTree& tree) {
     for (char16_t c : path + u"/") {
       char unit[8];
       std::snprintf(unit, sizeof unit, "%04x", static_cast<unsigned>(c));
-      if (c == u'/') {
-        p /= hex;
-        hex.clear();
-      } else {
-        hex += unit;
-      }
+      if (c != u'/') hex += unit;
+      if (c == u'/') p /= hex, hex.clear();
     }
     std::filesystem::create_directories(value.first ? p : p.parent_path());
     if (!value.first) std::ofstream(p, std::ios::binary) << value.second;
@@ -212,14 +132,61 @@ void writeMirror(const std::filesystem::path& root, const gxRtTree& tree) {
 
 }  // namespace
 
+gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
+  gxRtTree tree;
+  gxdFileView view;
+  EXPECT_EQ(view.open(file.c_str()), gxdFileView::Status::kOk);
+  gxdIStorage* root = nullptr;
+  EXPECT_EQ(gxdStgOpenStorage(file.c_str(), 0, &root), 0);
+  if (root == nullptr) return tree;
+  if (sectorSize != nullptr) *sectorSize = view.file().sectorSize;
+  for (const gxdFileViewElement& e : view.elements()) {
+    std::u16string path;
+    for (const std::u16string& n : e.names) path += path.empty() ? n : u"/" + n;
+    std::string data;
+    std::vector<gxdIStorage*> held;
+    gxdIStorage* cur = root;
+    for (size_t k = 0; !e.isStorage && k + 1 < e.names.size() && cur; ++k) {
+      gxdIStorage* next = nullptr;
+      EXPECT_EQ(cur->openStorage(e.names[k].c_str(), &next), 0);
+      if (next != nullptr) held.push_back(next);
+      cur = next;
+    }
+    gxdIStream* s = nullptr;
+    if (!e.isStorage && cur != nullptr &&
+        cur->openStream(e.names.back().c_str(), &s) == 0) {
+      // Read in chunks of varying sizes, then land on a few positions
+      // through the chain and read one byte there.
+      data.resize(e.size + 10);
+      size_t got = 0;
+      for (uint64_t n = 1, k = 0; n > 0 && got < data.size(); got += n, ++k)
+        if (s->read(&data[got],
+                    std::min<size_t>(1 + (k * 977) % 3000, data.size() - got),
+                    &n))
+          break;
+      data.resize(got);
+      for (uint64_t at = 0; at < data.size(); at += 1 + data.size() / 3) {
+        s->setPosition(at);
+        char c = 0;
+        uint64_t n = 0;
+        EXPECT_EQ(s->read(&c, 1, &n), 0);
+        EXPECT_TRUE(n == 1 && c == data[at] && s->position() == at + 1);
+      }
+      s->release();
+    }
+    for (gxdIStorage* h : held) h->release();
+    tree[path] = {e.isStorage, data};
+  }
+  root->release();
+  return tree;
+}
+
 std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
     const std::u16string& dir) {
   std::vector<std::pair<std::u16string, gxRtTree>> files;
   for (uint32_t seed = 1; seed <= 6; ++seed) {
-    const std::vector<Element> plan = randomPlan(seed);
-    files.emplace_back(dir + u"/rt" + u16(std::to_string(seed)) + u".gxw",
-                       treeOf(plan));
-    writePlan(files.back().first, plan, seed);
+    const std::u16string file = dir + u"/rt" + char16_t(u'0' + seed) + u".gxw";
+    files.emplace_back(file, writePlan(file, randomPlan(seed), seed));
   }
   // More than 109 FAT sectors: the FAT is listed in a DIFAT sector too.
   std::vector<Element> plan{{u"big", false, std::string(7300000, '\0')},
@@ -228,8 +195,7 @@ std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
                             {u"S/large", false, std::string(5000, 'L')}};
   for (size_t i = 0; i < plan[0].data.size(); ++i)
     plan[0].data[i] = static_cast<char>(i % 251);
-  files.emplace_back(dir + u"/difat.gxw", treeOf(plan));
-  writePlan(files.back().first, plan, 99);
+  files.emplace_back(dir + u"/difat.gxw", writePlan(dir + u"/difat.gxw", plan, 99));
   return files;
 }
 
@@ -254,7 +220,7 @@ TEST(RoundTripTest, RandomTreesReadBackByOurLoaderAndOlefile) {
   for (const auto& [file, tree] : gxWriteRoundTripFiles(dir.u16string())) {
     const std::string name = fs::path(file).filename().string();
     SCOPED_TRACE(name);
-    gxExpectSameTree(readOurs(file), tree);
+    gxExpectSameTree(gxReadOurs(file), tree);
 #ifndef _WIN32
     writeMirror(dir / (name + ".mirror"), tree);
     const std::string script = "/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
