@@ -1,13 +1,10 @@
 // Portable storage: result codes of opening and creating elements, the
-// temporary file's name and ownership of the tree.
+// temporary file's name and place, and ownership of the tree.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "portable/gxdStgEnum.h"
 #include "portable/gxdStorage.h"
@@ -29,15 +26,10 @@ void makeSmallFile(const char16_t* path) {
   ASSERT_EQ(sub->createStream(u"inner", &inner) | root->createStream(u"s", &s),
             GX_S_OK);
   s->write("hello", 5, nullptr);
-  inner->write("xyz", 3, nullptr);
   root->commit();
   for (gxdIStream* x : {s, inner}) x->release();
   sub->release();
   root->release();
-}
-
-std::u16string nameOf(gxdsSTATSTG& record) {
-  return reinterpret_cast<const char16_t*>(record.name());
 }
 
 TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
@@ -46,7 +38,7 @@ TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
   gxdIStream *s = nullptr, *t = nullptr, *n = nullptr;
   EXPECT_EQ(gxdStgOpenStorage(u"storage_test_missing.gxw", 0, &root),
             GX_E_FAIL);
-  EXPECT_EQ(root, reinterpret_cast<gxdIStorage*>(0x1));  // untouched on failure
+  EXPECT_EQ(root, reinterpret_cast<gxdIStorage*>(0x1));  // untouched
 
   makeSmallFile(u"storage_test_codes.gxw");
   ASSERT_EQ(gxdStgOpenStorage(u"storage_test_codes.gxw", 0xFFFF, &root),
@@ -60,15 +52,10 @@ TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
   SCOPED_TRACE("an open storage is the same object with one more reference");
   ASSERT_EQ(root->openStorage(u"sub", &a) | root->openStorage(u"sub", &b),
             GX_S_OK);
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(static_cast<gxdStorage*>(a)->refCount, 3u);
+  EXPECT_TRUE(a == b && static_cast<gxdStorage*>(a)->refCount == 3);
   EXPECT_EQ(root->createStorage(u"sub", &b), GX_S_OK);  // read-only: same one
   EXPECT_EQ(a, b);
-  gxdsSTATSTG info;
-  root->stat(&info);
-  EXPECT_EQ(nameOf(info), u"storage_test_codes.gxw");
-  SCOPED_TRACE(
-      "an open stream comes back as a clone carrying a caller reference");
+  SCOPED_TRACE("an open stream comes back as a clone with a caller reference");
   ASSERT_EQ(root->openStream(u"s", &s) | root->openStream(u"s", &t), GX_S_OK);
   EXPECT_NE(s, t);
   EXPECT_EQ(static_cast<gxdStream*>(t)->refCount, 2u);
@@ -88,7 +75,7 @@ TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
   EXPECT_EQ(slurp("storage_test_codes.gxw"), before);
   for (gxdIStream* x : {n, t, s}) x->release();
   for (int i = 0; i < 3; ++i) a->release();
-  root->release();  // destroys the children whose last reference is its own
+  root->release();
 
   SCOPED_TRACE("created file: duplicates refused, missing names not found");
   ASSERT_EQ(gxdStgCreateStorage(u"storage_test_dup.gxw", 0, &root), GX_S_OK);
@@ -110,18 +97,10 @@ TEST(PortableStorage, TemporaryFileNameAndPlace) {
   EXPECT_EQ(gxdStorage::tempFileName(u"D:\\data.old\\model"), u"D:\\data.$t$");
   EXPECT_EQ(gxdStorage::tempFileName(u"/srv/data.old/model"), u"/srv/data.$t$");
   EXPECT_EQ(gxdStorage::tempFileName(u"model"), u"model.$t$");
-  std::remove("storage_test_tmp.$t$");
-  std::remove("storage_test.$t$");
-  makeSmallFile(u"storage_test_tmp.gxw");
-  EXPECT_TRUE(std::ifstream("storage_test_tmp.$t$").good());  // left on disk
+  std::filesystem::remove("storage_test.$t$");
   std::filesystem::create_directory("storage_test.d");
-#ifdef _WIN32
-  makeSmallFile(u"storage_test.d\\model");
-#else
   makeSmallFile(u"storage_test.d/model");
-#endif
-  EXPECT_TRUE(
-      std::ifstream("storage_test.$t$").good());  // beside the directory
+  EXPECT_TRUE(std::ifstream("storage_test.$t$").good());  // beside the folder
 }
 
 // Every object handed out, cloned or enumerated below a root goes with the
@@ -134,16 +113,16 @@ TEST(PortableStorage, ReleasingTheRootDestroysTheTree) {
     gxdIStream *s = nullptr, *copy = nullptr, *again = nullptr;
     if (opened) {
       ASSERT_EQ(gxdStgOpenStorage(u"storage_test_tree.gxw", 0, &root), GX_S_OK);
-      ASSERT_EQ(root->openStorage(u"sub", &sub) | sub->openStream(u"inner", &s),
+      ASSERT_EQ(root->openStorage(u"sub", &sub), GX_S_OK);
+      ASSERT_EQ(sub->openStream(u"inner", &s) |
+                    sub->openStream(u"inner", &again),  // a clone
                 GX_S_OK);
-      ASSERT_EQ(sub->openStream(u"inner", &again), GX_S_OK);  // a clone
       again->release();
     } else {
       ASSERT_EQ(gxdStgCreateStorage(u"storage_test_tree2.gxw", 0, &root),
                 GX_S_OK);
-      ASSERT_EQ(
-          root->createStorage(u"sub", &sub) | sub->createStream(u"inner", &s),
-          GX_S_OK);
+      ASSERT_EQ(root->createStorage(u"sub", &sub), GX_S_OK);
+      ASSERT_EQ(sub->createStream(u"inner", &s), GX_S_OK);
     }
     s->clone(&copy);
     copy->clone(&again);

@@ -1,15 +1,14 @@
 // Portable stream: reading from the mini stream and from sectors, positioning,
-// the write buffer and its change records, limits, and damaged chains.
+// the write buffer and its change records, limits, damaged chains and a file
+// that fails mid-read.
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "portable/gxdStorage.h"
 #include "portable/gxdStream.h"
+#include "support/gxFaultStream.h"
 
 namespace {
 
@@ -52,10 +51,22 @@ gxdStream* openStream(gxdIStorage* root, const char16_t* name) {
   return static_cast<gxdStream*>(s);
 }
 
+// Reads `s` to its end in chunks of 700 bytes; the last result is kept.
+std::string readAll(gxdIStream* s, gxResult* last = nullptr) {
+  std::string out;
+  char chunk[700];
+  uint64_t done = 0;
+  gxResult r;
+  while ((r = s->read(chunk, sizeof chunk, &done)) == GX_S_OK && done > 0)
+    out.append(chunk, done);
+  if (last != nullptr) *last = r;
+  return out;
+}
+
 TEST(PortableStream, ReadingAndPositioning) {
   gxdIStorage* root = makeAndOpen(u"stream_test_read.gxw");
   ASSERT_NE(root, nullptr);
-  std::vector<uint8_t> buf(64);
+  std::vector<uint8_t> buf;
   auto read = [&](gxdIStream* s, uint64_t n) {
     buf.assign(n, 0);
     uint64_t done = 99;
@@ -82,16 +93,15 @@ TEST(PortableStream, ReadingAndPositioning) {
   EXPECT_EQ(buf, pattern(4, 4096));
   SCOPED_TRACE("setPosition clamps to the size and rewinds; clones start at 0");
   s = openStream(root, u"s700");
-  s->setPosition(1000);
-  EXPECT_EQ(s->position(), 700u);
-  s->setPosition(~0ull);  // a negative distance taken as unsigned
-  EXPECT_EQ(s->position(), 700u);
+  for (uint64_t to : {1000ull, ~0ull}) {  // ~0: a negative distance
+    s->setPosition(to);
+    EXPECT_EQ(s->position(), 700u);
+  }
   EXPECT_EQ(read(s, 1), Outcome(GX_S_FALSE, 0));
   s->setPosition(0);
   EXPECT_EQ(read(s, 50), Outcome(GX_S_OK, 50));
   gxdIStream* copy = nullptr;
   ASSERT_TRUE(s->clone(&copy));
-  EXPECT_EQ(copy->position(), 0u);
   EXPECT_EQ(read(copy, 3), Outcome(GX_S_OK, 3));
   EXPECT_EQ(buf, pattern(2, 3));
   EXPECT_EQ(s->position(), 50u);
@@ -128,9 +138,7 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   uint64_t written = 0;
   SCOPED_TRACE("512 bytes stay buffered; one more writes block 0 first");
   EXPECT_EQ(a->write(data.data(), 512, &written), GX_S_OK);
-  EXPECT_EQ(written, 512u);
-  EXPECT_TRUE(a->tempBlocks.empty());
-  EXPECT_EQ(a->bufferFill, 512u);
+  EXPECT_TRUE(written == 512 && a->tempBlocks.empty() && a->bufferFill == 512);
   EXPECT_EQ(a->write(data.data() + 512, 1, &written), GX_S_OK);
   EXPECT_EQ(a->tempBlocks, std::vector<uint32_t>{0});
   EXPECT_EQ(a->bufferFill, 1u);
@@ -139,8 +147,7 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   b->write(data.data() + 300, 400, nullptr);
   b->flush();
   EXPECT_EQ(b->tempBlocks, (std::vector<uint32_t>{1, 2}));
-  EXPECT_EQ(b->bufferFill, 0u);
-  EXPECT_EQ(b->entry.size, 700u);
+  EXPECT_TRUE(b->bufferFill == 0 && b->entry.size == 700);
   EXPECT_TRUE(kind3(a) == 1 && kind3(b) == 1);
   SCOPED_TRACE("writes that would pass 4 GiB or the temporary file's limit");
   const size_t records = cf->pendingChanges.size();
@@ -160,9 +167,10 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   root->release();
 }
 
-// Links of a stream's chain edited on disk: reads end in E_FAIL (or deliver
-// at most the stream's bytes), never outside the tables or the mini stream.
-TEST(PortableStream, DamagedChainsFailCleanly) {
+// Links of a stream's chain edited on disk, and the file failing after N
+// bytes: reads end in E_FAIL or stop, and never deliver wrong bytes, more
+// than the stream holds, or bytes from outside the tables.
+TEST(PortableStream, DamagedChainsAndFailingFileFailCleanly) {
   gxdIStorage* root = makeAndOpen(u"stream_test_damage.gxw");
   ASSERT_NE(root, nullptr);
   gxdCompoundFile* cf = static_cast<gxdStorage*>(root)->compoundFile;
@@ -197,15 +205,32 @@ TEST(PortableStream, DamagedChainsFailCleanly) {
     root = nullptr;
     ASSERT_EQ(gxdStgOpenStorage(u"stream_test_damaged.gxw", 0, &root), GX_S_OK);
     gxdStream* s = openStream(root, d.stream);
-    std::vector<uint8_t> buf(1000);
-    uint64_t total = 0, done = 0;
     gxResult result;
-    while ((result = s->read(buf.data(), 1000, &done)) == GX_S_OK && done > 0)
-      total += done;
-    EXPECT_LE(total, s->entry.size);
+    EXPECT_LE(readAll(s, &result).size(), s->entry.size);
     EXPECT_EQ(result, d.value == big ? result : GX_E_FAIL);
     s->setPosition(s->entry.size - 1);
     EXPECT_LE(s->position(), s->entry.size);
+    root->release();
+  }
+  // The engine of an opened root replaced by one over a failing stream.
+  for (uint64_t n = 0; n <= original.size(); n += 7 + n / 50) {
+    SCOPED_TRACE("file fails after " + std::to_string(n) + " bytes");
+    gxFaultStream faulty(original);
+    faulty.buf().failAfter = n;
+    ASSERT_EQ(gxdStgOpenStorage(u"stream_test_damage.gxw", 0, &root), GX_S_OK);
+    gxdStorage* r = static_cast<gxdStorage*>(root);
+    delete r->compoundFile;  // the root deletes the new one when released
+    r->compoundFile = new gxdCompoundFile(&faulty, nullptr, true);
+    for (uint32_t i = 0; i < 7 && !faulty.fail(); ++i) {
+      gxdIStream* s = nullptr;
+      if (root->openStream(kStreams[i].first, &s) != GX_S_OK) continue;
+      const std::vector<uint8_t> want = pattern(i, kStreams[i].second);
+      const std::string got = readAll(s);
+      ASSERT_LE(got.size(), want.size());
+      EXPECT_TRUE(std::equal(got.begin(), got.end(), want.begin(),
+                             [](char c, uint8_t u) { return uint8_t(c) == u; }));
+      s->release();
+    }
     root->release();
   }
 }
