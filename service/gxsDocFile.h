@@ -125,6 +125,7 @@ class gxsDocFile {
   HRESULT readBytes(uint64_t offset, void* data, size_t size);
   HRESULT writeBytes(uint64_t offset, const void* data, size_t size);
   HRESULT fail(HRESULT code);  // records damage and returns `code`
+  HRESULT checkWritable() const;
   HRESULT ioFailure(bool writing) const;
 
   // Sector tables (gxsAllocation.cpp).
@@ -159,18 +160,28 @@ class gxsDocFile {
   HRESULT prepareTree(uint32_t parent);
   HRESULT collectChildren(uint32_t parent, std::vector<uint32_t>& ids) const;
   void rebuildTree(uint32_t parent, std::vector<uint32_t> ids);
+  HRESULT prepareChange(uint32_t parent);
   void insertNode(uint32_t parent, uint32_t id);
   void eraseNode(uint32_t parent, uint32_t id);
+  bool pathTo(uint32_t parent, uint32_t id, std::vector<uint32_t>& path);
+  uint32_t& linkTo(uint32_t parent, const std::vector<uint32_t>& path,
+                   size_t i);
+  void rotate(uint32_t x, bool toRight, uint32_t& link);
+  uint8_t colourOf(uint32_t id) const;
+  void paint(uint32_t id, uint8_t colour);
 
   // Stream data (gxsStreamData.cpp).
   HRESULT streamChain(uint32_t id, Chain*& chain);
+  template <typename Move>
+  HRESULT forEachRun(const Chain& chain, uint64_t offset, uint64_t size,
+                     Move move);
+  HRESULT unitOffset(const Chain& chain, uint64_t index, uint64_t& offset);
   HRESULT readChain(const Chain& chain, uint64_t offset, uint8_t* data,
-                    uint32_t size);
+                    uint64_t size);
   HRESULT writeChain(const Chain& chain, uint64_t offset, const uint8_t* data,
-                     uint32_t size);
+                     uint64_t size);
   HRESULT zeroChain(const Chain& chain, uint64_t offset, uint64_t size);
-  HRESULT resizeChain(uint32_t id, Chain& chain, uint64_t oldSize,
-                      uint64_t newSize);
+  HRESULT resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd);
   HRESULT freeStreamData(uint32_t id);
 
   std::unique_ptr<pdFile> file_;
@@ -178,7 +189,7 @@ class gxsDocFile {
   bool corrupt_ = false;
   bool changed_ = false;
   uint64_t fileBytes_ = 0;       // physical length of the file
-  uint64_t zeroFrom_ = 0;        // bytes at and past this read as zeros
+  uint64_t allocatedEnd_ = 0;    // the file must reach this far at flush
   gxdFileHeader header_;
   bool headerDirty_ = false;
 
