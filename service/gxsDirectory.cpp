@@ -75,9 +75,13 @@ HRESULT gxsDocFile::removeEntry(uint32_t parent, uint32_t id,
     if (removed.size() > entries_.size()) return fail(STG_E_DOCFILECORRUPT);
     removed.push_back(x);
     const gxdDirRecord& r = entries_[x];
-    for (uint32_t next : {r.leftSibling, r.rightSibling, r.child})
-      if (next != kNoStream && (x != id || next == r.child))
+    // A stream's child link means nothing and is not followed.
+    uint32_t child = r.objectType == kObjStorage ? r.child : kNoStream;
+    for (uint32_t next : {r.leftSibling, r.rightSibling, child})
+      if (next != kNoStream && (x != id || next == child)) {
+        if (next >= entries_.size()) return fail(STG_E_DOCFILECORRUPT);
         stack.push_back(next);
+      }
   }
   for (uint32_t x : removed) {
     if (entries_[x].objectType == kObjStream &&
