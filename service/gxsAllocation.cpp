@@ -62,7 +62,7 @@ HRESULT gxsDocFile::addFatSector() {
   fatDirty_.push_back(true);
   auto take = [&](uint32_t mark, uint32_t& where) {
     for (uint32_t s = freeHint_; s < fat_.size(); ++s)
-      if (fat_[s] == kFreeSect) {
+      if (fat_[s] == kFreeSect && !isProtected(s)) {
         if (s >= maxSectors()) break;
         where = s;
         setFat(s, mark);
@@ -97,7 +97,7 @@ HRESULT gxsDocFile::addFatSector() {
 HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
   for (;;) {
     uint32_t s = freeHint_;
-    while (s < fat_.size() && fat_[s] != kFreeSect) ++s;
+    while (s < fat_.size() && (fat_[s] != kFreeSect || isProtected(s))) ++s;
     freeHint_ = s;
     if (s < fat_.size()) {
       if (s >= maxSectors()) return STG_E_MEDIUMFULL;
@@ -113,16 +113,24 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
   }
 }
 
-// Frees chain[from..] (zeroing the sectors inside the file) and ends the
-// chain at chain[from - 1].
+// Frees chain[from..] and ends the chain at chain[from - 1]. Freed sectors
+// inside the file are zeroed, except those the committed state of a
+// transacted file still uses: they are zeroed once a commit lets them go.
 HRESULT gxsDocFile::freeSectors(const std::vector<uint32_t>& chain,
                                 size_t from) {
   if (from > 0 && from <= chain.size()) setFat(chain[from - 1], kEndOfChain);
   const uint32_t ss = sectorSize();
   size_t i = from;
   while (i < chain.size()) {
+    if (isProtected(chain[i])) {
+      pendingZero_.push_back(chain[i]);
+      setFat(chain[i++], kFreeSect);
+      continue;
+    }
     size_t j = i + 1;
-    while (j < chain.size() && chain[j] == chain[j - 1] + 1) ++j;
+    while (j < chain.size() && chain[j] == chain[j - 1] + 1 &&
+           !isProtected(chain[j]))
+      ++j;
     uint64_t begin = offsetOf(chain[i]);
     uint64_t end = offsetOf(chain[j - 1]) + ss;
     if (end > fileBytes_) end = fileBytes_;
@@ -205,6 +213,10 @@ HRESULT gxsDocFile::freeMiniSectors(const std::vector<uint32_t>& chain,
                                     size_t from) {
   if (from > 0 && from <= chain.size()) setMiniFat(chain[from - 1], kEndOfChain);
   static const uint8_t zeros[64] = {};
+  std::vector<uint32_t> freed(chain.begin() + static_cast<ptrdiff_t>(from),
+                              chain.end());
+  HRESULT shared = unshareMini(freed);
+  if (shared != S_OK) return shared;
   for (size_t i = from; i < chain.size(); ++i) {
     uint64_t offset = 0;
     HRESULT hr = miniOffset(chain[i], offset);

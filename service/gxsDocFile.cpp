@@ -125,6 +125,16 @@ uint64_t gxsDocFile::maxStreamSize() const {
 }
 
 HRESULT gxsDocFile::load() {
+  // Everything is read afresh (a revert loads again over an old state).
+  fat_.clear(), fatSectors_.clear(), fatDirty_.clear(), difatSectors_.clear();
+  miniFat_.clear(), miniFatChain_.clear(), miniFatDirty_.clear();
+  entries_.clear(), dirChain_.clear(), dirDirty_.clear();
+  parentOf_.clear(), treeState_.clear(), chains_.clear();
+  miniStream_ = Chain();
+  difatDirty_ = headerDirty_ = false;
+  freeHint_ = miniFreeHint_ = 0;
+  entryFreeHint_ = 1;
+  allocatedEnd_ = 0;
   if (!file_->size(fileBytes_)) return ioFailure(false);
   uint8_t bytes[kHeaderSize];
   if (fileBytes_ < kHeaderSize) return STG_E_FILEALREADYEXISTS;
@@ -313,7 +323,148 @@ HRESULT gxsDocFile::checkTree() {
 
 HRESULT gxsDocFile::flush() {
   if (corrupt_) return STG_E_DOCFILECORRUPT;
+  if (!writable_ || transacted_) return S_OK;
+  return writeTables(true);
+}
+
+void gxsDocFile::setTransacted(bool transacted) {
+  transacted_ = transacted;
+  protected_.assign(transacted ? fat_.size() : 0, 0);
+  for (size_t s = 0; s < protected_.size(); ++s)
+    protected_[s] = fat_[s] != kFreeSect;
+  pendingZero_.clear();
+  committedBytes_ = fileBytes_;
+  freeHint_ = 0;
+}
+
+// Moves every changed table sector that the committed state uses to a free
+// sector, relinking its chain (or the header's or DIFAT's record of it).
+// Moving changes FAT entries, so the caller repeats until nothing moves.
+HRESULT gxsDocFile::relocateTables(bool& moved) {
+  moved = false;
+  HRESULT hr = S_OK;
+  auto fresh = [&](uint32_t old, uint32_t mark, uint32_t& where) {
+    hr = allocateSector(where, mark);
+    if (hr != S_OK) return false;
+    setFat(old, kFreeSect);
+    pendingZero_.push_back(old);
+    moved = true;
+    return true;
+  };
+  auto moveChain = [&](std::vector<uint32_t>& chain, std::vector<bool>& dirty,
+                       uint32_t& head) {
+    for (size_t i = 0; i < chain.size(); ++i) {
+      if (!dirty[i] || !isProtected(chain[i])) continue;
+      uint32_t where = 0;
+      if (!fresh(chain[i], fat_[chain[i]], where)) return false;
+      if (i == 0) {
+        head = where;
+        headerDirty_ = true;
+      } else {
+        setFat(chain[i - 1], where);
+      }
+      chain[i] = where;
+    }
+    return true;
+  };
+  if (!moveChain(dirChain_, dirDirty_, header_.firstDirectorySector) ||
+      !moveChain(miniFatChain_, miniFatDirty_, header_.firstMiniFatSector))
+    return hr;
+  for (size_t k = 0; k < fatSectors_.size(); ++k) {
+    if (!fatDirty_[k] || !isProtected(fatSectors_[k])) continue;
+    uint32_t where = 0;
+    if (!fresh(fatSectors_[k], kFatSect, where)) return hr;
+    fatSectors_[k] = where;
+    if (k < kHeaderDifatSlots) {
+      header_.difat[k] = where;
+      headerDirty_ = true;
+    } else {
+      difatDirty_ = true;
+    }
+  }
+  if (difatDirty_)
+    for (size_t d = 0; d < difatSectors_.size(); ++d) {
+      if (!isProtected(difatSectors_[d])) continue;
+      uint32_t where = 0;
+      if (!fresh(difatSectors_[d], kDifSect, where)) return hr;
+      difatSectors_[d] = where;
+      if (d == 0) {
+        header_.firstDifatSector = where;
+        headerDirty_ = true;
+      }
+    }
+  return S_OK;
+}
+
+HRESULT gxsDocFile::commit() {
+  if (corrupt_) return STG_E_DOCFILECORRUPT;
   if (!writable_) return S_OK;
+  if (!transacted_) {
+    HRESULT hr = writeTables(true);
+    if (hr == S_OK && changed_ && !file_->sync(true)) hr = ioFailure(true);
+    return hr;
+  }
+  if (!changed_) return S_OK;
+  HRESULT hr = S_OK;
+  for (bool moved = true; moved && hr == S_OK;) hr = relocateTables(moved);
+  if (hr == S_OK) hr = writeTables(false);
+  if (hr == S_OK && !file_->sync(true)) hr = ioFailure(true);
+  if (hr != S_OK) return hr;
+  // The switch: one write of the header's first 512 bytes.
+  uint8_t head[kHeaderSize];
+  header_.store(head);
+  if (!file_->writeAt(0, head, kHeaderSize) || !file_->sync(true))
+    return ioFailure(true);
+  headerDirty_ = false;
+  // The old state is gone: zero what only it used, then cut the free end.
+  // Failures here cost nothing but stale bytes in free space.
+  for (uint32_t s : pendingZero_)
+    if (fat_[s] == kFreeSect && offsetOf(s) < fileBytes_)
+      file_->zeroRange(offsetOf(s), sectorSize());
+  trimEnd();
+  changed_ = false;
+  setTransacted(true);
+  return S_OK;
+}
+
+// Zeros every sector taken since the last commit and gives the file back
+// its committed length.
+void gxsDocFile::dropUncommitted() {
+  for (size_t s = 0; s < fat_.size(); ++s) {
+    uint32_t sector = static_cast<uint32_t>(s);
+    if (fat_[s] != kFreeSect && !isProtected(sector) &&
+        offsetOf(sector) < committedBytes_)
+      file_->zeroRange(offsetOf(sector), sectorSize());
+  }
+  if (fileBytes_ > committedBytes_ && file_->truncate(committedBytes_))
+    fileBytes_ = committedBytes_;
+}
+
+HRESULT gxsDocFile::revert() {
+  if (!transacted_ || !changed_ || corrupt_) return S_OK;
+  dropUncommitted();
+  HRESULT hr = load();
+  if (hr != S_OK) return fail(hr);
+  changed_ = false;
+  setTransacted(true);
+  return S_OK;
+}
+
+void gxsDocFile::trimEnd() {
+  uint64_t end = sectorSize();
+  uint64_t sectors = (fileBytes_ + sectorSize() - 1) / sectorSize() - 1;
+  if (sectors > fat_.size()) sectors = fat_.size();
+  for (uint64_t s = sectors; s-- > 0;)
+    if (fat_[s] != kFreeSect) {
+      end = offsetOf(static_cast<uint32_t>(s)) + sectorSize();
+      break;
+    }
+  if (end < fileBytes_ && file_->truncate(end)) fileBytes_ = end;
+}
+
+// Writes every changed table sector where it lies, then, when `header`,
+// the header.
+HRESULT gxsDocFile::writeTables(bool header) {
   const uint32_t ss = sectorSize();
   const uint32_t eps = entriesPerSector();
   std::vector<uint8_t> sector(ss);
@@ -363,7 +514,7 @@ HRESULT gxsDocFile::flush() {
     }
     difatDirty_ = false;
   }
-  if (headerDirty_) {
+  if (header && headerDirty_) {
     std::vector<uint8_t> head(ss, 0);
     header_.store(head.data());
     // The header sector of a 4096-byte-sector file is padded with zeros; an
@@ -376,20 +527,11 @@ HRESULT gxsDocFile::flush() {
 }
 
 HRESULT gxsDocFile::close() {
-  HRESULT hr = flush();
-  if (hr != S_OK || !changed_ || !writable_) return hr;
-  // Free sectors at the end of the file are cut off.
-  uint64_t end = sectorSize();
-  uint64_t sectors = (fileBytes_ + sectorSize() - 1) / sectorSize() - 1;
-  if (sectors > fat_.size()) sectors = fat_.size();
-  for (uint64_t s = sectors; s-- > 0;)
-    if (fat_[s] != kFreeSect) {
-      end = offsetOf(static_cast<uint32_t>(s)) + sectorSize();
-      break;
-    }
-  if (end < fileBytes_) {
-    if (!file_->truncate(end)) return ioFailure(true);
-    fileBytes_ = end;
+  if (transacted_) {
+    if (writable_ && changed_ && !corrupt_) dropUncommitted();
+    return S_OK;
   }
-  return S_OK;
+  HRESULT hr = flush();
+  if (hr == S_OK && changed_ && writable_) trimEnd();
+  return hr;
 }

@@ -81,8 +81,76 @@ HRESULT gxsDocFile::readChain(const Chain& chain, uint64_t offset,
                     });
 }
 
-HRESULT gxsDocFile::writeChain(const Chain& chain, uint64_t offset,
+// Gives units [first, last] of `chain` sectors of their own before they
+// are written, where the committed state still uses them (transacted mode
+// only): the unit's bytes are copied unless [keepFrom, keepTo) (bytes of the
+// stream) covers it whole, and `owner`'s start or the previous link is
+// pointed at the copy.
+HRESULT gxsDocFile::unshare(uint32_t owner, std::vector<uint32_t>& chain,
+                            uint64_t first, uint64_t last, uint64_t keepFrom,
+                            uint64_t keepTo) {
+  if (!transacted_) return S_OK;
+  const uint32_t ss = sectorSize();
+  std::vector<uint8_t> copy;
+  for (uint64_t i = first; i <= last && i < chain.size(); ++i) {
+    const uint32_t old = chain[i];
+    if (!isProtected(old)) continue;
+    uint32_t fresh = 0;
+    HRESULT hr = allocateSector(fresh, fat_[old]);
+    if (hr != S_OK) return hr;
+    const uint64_t begin = i * ss;
+    if (begin < keepFrom || begin + ss > keepTo) {
+      copy.resize(ss);
+      if ((hr = readBytes(offsetOf(old), copy.data(), ss)) != S_OK ||
+          (hr = writeBytes(offsetOf(fresh), copy.data(), ss)) != S_OK)
+        return hr;
+    }
+    if (i == 0) {
+      entries_[owner].startSector = fresh;
+      touchEntry(owner);
+    } else {
+      setFat(chain[i - 1], fresh);
+    }
+    setFat(old, kFreeSect);
+    pendingZero_.push_back(old);
+    chain[i] = fresh;
+  }
+  return S_OK;
+}
+
+// The same for the sectors of the mini stream that hold `miniSectors`.
+HRESULT gxsDocFile::unshareMini(const std::vector<uint32_t>& miniSectors) {
+  if (!transacted_) return S_OK;
+  const uint32_t perSector = sectorSize() / 64;
+  for (uint32_t m : miniSectors) {
+    uint64_t index = m / perSector;
+    if (index < miniStream_.sectors.size() &&
+        isProtected(miniStream_.sectors[index])) {
+      HRESULT hr = unshare(kRootId, miniStream_.sectors, index, index, 0, 0);
+      if (hr != S_OK) return hr;
+    }
+  }
+  return S_OK;
+}
+
+// Prepares units of [offset, offset + size) of `chain` for writing.
+HRESULT gxsDocFile::prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
+                                 uint64_t size) {
+  if (!transacted_ || size == 0) return S_OK;
+  const uint32_t unit = chain.mini ? 64 : sectorSize();
+  const uint64_t first = offset / unit, last = (offset + size - 1) / unit;
+  if (!chain.mini)
+    return unshare(owner, chain.sectors, first, last, offset, offset + size);
+  std::vector<uint32_t> units;
+  for (uint64_t i = first; i <= last && i < chain.sectors.size(); ++i)
+    units.push_back(chain.sectors[i]);
+  return unshareMini(units);
+}
+
+HRESULT gxsDocFile::writeChain(uint32_t owner, Chain& chain, uint64_t offset,
                                const uint8_t* data, uint64_t size) {
+  HRESULT hr = prepareWrite(owner, chain, offset, size);
+  if (hr != S_OK) return hr;
   return forEachRun(chain, offset, size,
                     [&](uint64_t at, uint64_t from, uint64_t length) {
                       return writeBytes(at, data + from, length);
@@ -91,8 +159,10 @@ HRESULT gxsDocFile::writeChain(const Chain& chain, uint64_t offset,
 
 // Zeros [offset, offset + size) of the stream; what lies past the end of
 // the file reads as zeros already.
-HRESULT gxsDocFile::zeroChain(const Chain& chain, uint64_t offset,
+HRESULT gxsDocFile::zeroChain(uint32_t owner, Chain& chain, uint64_t offset,
                               uint64_t size) {
+  HRESULT hr = prepareWrite(owner, chain, offset, size);
+  if (hr != S_OK) return hr;
   return forEachRun(chain, offset, size,
                     [&](uint64_t at, uint64_t, uint64_t length) -> HRESULT {
                       uint64_t end = std::min(at + length, fileBytes_);
@@ -129,7 +199,8 @@ HRESULT gxsDocFile::writeStream(uint32_t id, uint64_t offset, const void* data,
     return hr;
   Chain* chain = nullptr;
   if ((hr = streamChain(id, chain)) != S_OK) return hr;
-  hr = writeChain(*chain, offset, static_cast<const uint8_t*>(data), size);
+  hr = writeChain(id, *chain, offset, static_cast<const uint8_t*>(data),
+                  size);
   if (hr == S_OK) done = size;
   return hr;
 }
@@ -170,9 +241,9 @@ HRESULT gxsDocFile::resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd) {
     }
     entries_[id].startSector = head;
     if (hr == S_OK && newSize > oldSize && zeroEnd > oldSize)
-      hr = zeroChain(*chain, oldSize, zeroEnd - oldSize);
+      hr = zeroChain(id, *chain, oldSize, zeroEnd - oldSize);
     if (hr == S_OK && newSize < oldSize && need > 0)
-      hr = zeroChain(*chain, newSize,
+      hr = zeroChain(id, *chain, newSize,
                      std::min<uint64_t>(oldSize, need * unit) - newSize);
   } else {
     const uint64_t keep = std::min(oldSize, newSize);  // below the cutoff
@@ -184,9 +255,9 @@ HRESULT gxsDocFile::resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd) {
     const uint64_t need = unitsFor(newSize, newMini ? 64 : sectorSize());
     hr = newMini ? extendMiniChain(moved.sectors, need, newHead)
                  : extendChain(moved.sectors, need, newHead);
-    if (hr == S_OK) hr = writeChain(moved, 0, data.data(), keep);
+    if (hr == S_OK) hr = writeChain(id, moved, 0, data.data(), keep);
     if (hr == S_OK && zeroEnd > keep)
-      hr = zeroChain(moved, keep, zeroEnd - keep);
+      hr = zeroChain(id, moved, keep, zeroEnd - keep);
     if (hr != S_OK) return hr;
     hr = chain->mini ? freeMiniSectors(chain->sectors, 0)
                      : freeSectors(chain->sectors, 0);

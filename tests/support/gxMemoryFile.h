@@ -16,6 +16,7 @@ struct gxMemoryBytes {
   long changesLeft = -1;  // calls that change the file before they fail; -1: never
   int failure = kPdErrIO;
   long changes = 0;       // calls that changed the file
+  size_t tornBytes = 0;   // the failing write still lands this many bytes
 };
 
 class gxMemoryFile : public pdFile {
@@ -31,11 +32,19 @@ class gxMemoryFile : public pdFile {
     return static_cast<int64_t>(n);
   }
   bool writeAt(uint64_t offset, const void* in, size_t size) override {
-    if (!change()) return false;
+    if (!change()) {
+      size = std::min(size, data_->tornBytes);
+      data_->tornBytes = 0;
+      if (size > 0) place(offset, in, size);
+      return false;
+    }
+    place(offset, in, size);
+    return true;
+  }
+  void place(uint64_t offset, const void* in, size_t size) {
     auto& b = data_->bytes;
     if (offset + size > b.size()) b.resize(offset + size);
     std::memcpy(b.data() + offset, in, size);
-    return true;
   }
   bool size(uint64_t& bytes) override {
     bytes = data_->bytes.size();
