@@ -37,15 +37,19 @@ HRESULT storageFlags(DWORD mode, bool create) {
   return S_OK;
 }
 
-// ...and after: sharing other than exclusive is not offered below the root,
-// nor are transactions of their own (the root's transaction covers the
-// whole file).
+// ...and after: sharing other than exclusive is not offered below the root.
 HRESULT storageSharing(DWORD mode) {
   if ((mode & kShareBits) != STGM_SHARE_EXCLUSIVE ||
       (mode & (STGM_PRIORITY | STGM_DELETEONRELEASE)) != 0)
     return STG_E_INVALIDFUNCTION;
-  if (mode & STGM_TRANSACTED) return STG_E_UNIMPLEMENTEDFUNCTION;
   return S_OK;
+}
+
+// The mode of the object that keeps a transacted copy's element open: it
+// reads the element, and writes it when the copy may commit.
+DWORD anchorMode(DWORD mode) {
+  return (gxsCanWrite(mode) ? STGM_READWRITE : STGM_READ) |
+         STGM_SHARE_EXCLUSIVE;
 }
 
 // Answered by QueryInterface with the object itself, so that CopyTo and
@@ -70,6 +74,36 @@ gxsStorage::~gxsStorage() {
   gxsContext* context = node_.context;
   if (node_.id == gxsDocFile::kRootId) context->closeFile();
   context->delist(&node_);
+  if (anchor_ != nullptr) anchor_->Release();
+}
+
+HRESULT gxsStorage::makeTransacted(gxsStorage* anchor, DWORD mode,
+                                   IStorage** out) {
+  std::unique_ptr<gxsDocFile> scratch;
+  HRESULT hr = gxsDocFile::create(pdOpenMemoryFile(), scratch);
+  if (hr != S_OK) {
+    anchor->Release();
+    return hr;
+  }
+  auto* context = new gxsContext(std::move(scratch), u"", u"");
+  auto* copy = new gxsStorage(context, nullptr, gxsDocFile::kRootId,
+                              (mode & ~STGM_TRANSACTED) | STGM_READWRITE);
+  copy->anchor_ = anchor;
+  hr = anchor->CopyTo(0, nullptr, nullptr, copy);
+  copy->mode_ = mode & ~STGM_CREATE;
+  if (hr != S_OK) {
+    copy->Release();
+    return hr;
+  }
+  *out = copy;
+  return S_OK;
+}
+
+HRESULT gxsStorage::removeAll() {
+  std::vector<uint32_t> ids;
+  HRESULT hr = doc().children(node_.id, ids);
+  for (size_t i = 0; hr == S_OK && i < ids.size(); ++i) hr = removeChild(ids[i]);
+  return hr;
 }
 
 HRESULT gxsStorage::QueryInterface(REFIID riid, void** object) {
@@ -141,7 +175,7 @@ HRESULT gxsStorage::CreateStream(const OLECHAR* name, DWORD mode,
                                  IStream** stream) {
   if (stream == nullptr) return STG_E_INVALIDPOINTER;
   *stream = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadNewName(name, n);
@@ -157,7 +191,7 @@ HRESULT gxsStorage::OpenStream(const OLECHAR* name, void*, DWORD mode, DWORD,
                                IStream** stream) {
   if (stream == nullptr || name == nullptr) return E_INVALIDARG;
   *stream = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
@@ -175,21 +209,26 @@ HRESULT gxsStorage::CreateStorage(const OLECHAR* name, DWORD mode, DWORD, DWORD,
                                   IStorage** storage) {
   if (storage == nullptr) return STG_E_INVALIDPOINTER;
   *storage = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadNewName(name, n);
   if (hr == S_OK) hr = storageFlags(mode, true);
   if (hr == S_OK) hr = addChild(n, kObjStorage, mode, storageSharing(mode), id);
-  if (hr == S_OK) *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return hr;
+  if (hr != S_OK) return hr;
+  if (mode & STGM_TRANSACTED)
+    return makeTransacted(
+        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
+        storage);
+  *storage = new gxsStorage(node_.context, &node_, id, mode);
+  return S_OK;
 }
 
 HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
                                 SNB exclude, DWORD, IStorage** storage) {
   if (storage == nullptr || name == nullptr) return E_INVALIDARG;
   *storage = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   // Opening with elements left out (emptied) is not offered.
   if (exclude != nullptr) return STG_E_INVALIDPARAMETER;
   std::u16string n;
@@ -202,15 +241,27 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
     hr = STG_E_FILENOTFOUND;
   if (hr == S_OK) hr = storageSharing(mode);
   if (hr == S_OK && node_.context->isOpen(id)) hr = STG_E_ACCESSDENIED;
-  if (hr == S_OK) *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return hr;
+  if (hr != S_OK) return hr;
+  if (mode & STGM_TRANSACTED)
+    return makeTransacted(
+        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
+        storage);
+  *storage = new gxsStorage(node_.context, &node_, id, mode);
+  return S_OK;
 }
 
 // A transacted root commits the file's transaction. Every other storage is
 // direct: its changes are in the file already (or, below a transacted root,
 // in the root's transaction), so there is only the tables to write.
 HRESULT gxsStorage::Commit(DWORD) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
+  if (anchor_ != nullptr) {
+    // A transacted copy: the element gets exactly the copy's tree.
+    if (!gxsCanWrite(mode_)) return S_OK;
+    HRESULT hr = anchor_->removeAll();
+    if (hr == S_OK) hr = CopyTo(0, nullptr, nullptr, anchor_);
+    return anchor_->node_.context->finish(hr);
+  }
   if (node_.id == gxsDocFile::kRootId && doc().transacted())
     return doc().commit();
   return node_.context->finish(S_OK);
@@ -220,6 +271,17 @@ HRESULT gxsStorage::Commit(DWORD) {
 // opened below it may be gone with them, so all of it is reverted. Direct
 // storages have nothing to undo.
 HRESULT gxsStorage::Revert() {
+  if (anchor_ != nullptr) {
+    // A transacted copy: copy the element afresh.
+    if (gone()) return STG_E_REVERTED;
+    node_.context->revertBelow(&node_);
+    const DWORD mode = mode_;
+    mode_ |= STGM_READWRITE;
+    HRESULT hr = removeAll();
+    if (hr == S_OK) hr = anchor_->CopyTo(0, nullptr, nullptr, this);
+    mode_ = mode;
+    return hr;
+  }
   if (node_.reverted || node_.id != gxsDocFile::kRootId || !doc().transacted())
     return S_OK;
   node_.context->revertBelow(&node_);
@@ -234,13 +296,13 @@ HRESULT gxsStorage::EnumElements(DWORD, void*, DWORD,
                                  IEnumSTATSTG** enumerator) {
   if (enumerator == nullptr) return E_INVALIDARG;
   *enumerator = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   return gxsEnum::create(node_.context, &node_, enumerator);
 }
 
 HRESULT gxsStorage::DestroyElement(const OLECHAR* name) {
   if (name == nullptr) return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
@@ -253,7 +315,7 @@ HRESULT gxsStorage::DestroyElement(const OLECHAR* name) {
 HRESULT gxsStorage::RenameElement(const OLECHAR* oldName,
                                   const OLECHAR* newName) {
   if (oldName == nullptr || newName == nullptr) return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string from, to;
   uint32_t id = 0, other = 0;
   HRESULT hr = gxsReadName(oldName, from);
@@ -272,7 +334,7 @@ HRESULT gxsStorage::RenameElement(const OLECHAR* oldName,
 HRESULT gxsStorage::SetElementTimes(const OLECHAR* name,
                                     const FILETIME* created, const FILETIME*,
                                     const FILETIME* modified) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   // No name: the times of this storage itself.
   uint32_t id = node_.id;
@@ -289,7 +351,7 @@ HRESULT gxsStorage::SetElementTimes(const OLECHAR* name,
 }
 
 HRESULT gxsStorage::SetClass(REFCLSID clsid) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   uint8_t bytes[16];
   gxsClsidToBytes(clsid, bytes);
@@ -297,18 +359,21 @@ HRESULT gxsStorage::SetClass(REFCLSID clsid) {
 }
 
 HRESULT gxsStorage::SetStateBits(DWORD bits, DWORD mask) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   return node_.context->finish(doc().setEntryStateBits(node_.id, bits, mask));
 }
 
 HRESULT gxsStorage::Stat(STATSTG* info, DWORD flag) {
   if (info == nullptr) return E_INVALIDARG;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   const gxdDirRecord& entry = doc().entry(node_.id);
-  // The root is named by the file's path, every other storage by its entry.
+  // The root is named by the file's path, every other storage by its entry
+  // (a transacted copy's by its element's).
   std::u16string name =
-      node_.id == gxsDocFile::kRootId ? node_.context->path() : entry.name();
+      anchor_ != nullptr ? anchor_->doc().entry(anchor_->node_.id).name()
+      : node_.id == gxsDocFile::kRootId ? node_.context->path()
+                                        : entry.name();
   return gxsFillStat(entry, (flag & STATFLAG_NONAME) ? nullptr : &name, mode_,
                      *info);
 }
