@@ -26,4 +26,5 @@ fi
 
 cmake --preset bench >/dev/null
 cmake --build --preset bench -j "${JOBS:-2}" >/dev/null
+python=$(bash scripts/python-env.sh) && "$python" python/bench/bench.py || echo "bench: the Python bench did not run" >&2
 exec build/bench/bin/gxStorageBench "$@"

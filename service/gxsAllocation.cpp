@@ -66,6 +66,7 @@ HRESULT gxsDocFile::addFatSector() {
         if (s >= maxSectors()) break;
         where = s;
         setFat(s, mark);
+        taken_.push_back(s);
         uint64_t end = offsetOf(s) + sectorSize();
         if (end > allocatedEnd_) allocatedEnd_ = end;
         return true;
@@ -103,6 +104,7 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
       if (s >= maxSectors()) return STG_E_MEDIUMFULL;
       sector = s;
       setFat(s, mark);
+      taken_.push_back(s);
       freeHint_ = s + 1;
       uint64_t end = offsetOf(s) + sectorSize();
       if (end > allocatedEnd_) allocatedEnd_ = end;
