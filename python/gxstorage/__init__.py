@@ -91,13 +91,11 @@ class StatResult(NamedTuple):
     mtime: Optional[_datetime.datetime]     #: modification time (UTC), or None
 
 
-def _names(path: ElementPath) -> Tuple[str, ...]:
+def _names(path: ElementPath) -> Sequence[str]:
+    """The names of a path; the extension module checks that they are str."""
     if isinstance(path, str):
-        return tuple(name for name in path.split("/") if name)
-    names = tuple(path)
-    if not all(isinstance(name, str) for name in names):
-        raise TypeError("an element path is a str or a sequence of str")
-    return names
+        return [name for name in path.split("/") if name]
+    return path if isinstance(path, (list, tuple)) else list(path)
 
 
 def _error(kind: type, hresult: int, message: str, path: str) -> Exception:
@@ -303,30 +301,37 @@ class StorageFile:
     def _children(self, names: Tuple[str, ...]) -> list:
         return sorted(self._core.children(names), key=lambda c: c[0])
 
-    def walk(self, top: ElementPath = "") -> Iterator[Entry]:
-        """Every element below `top` (the root by default): each storage
-        right before its own elements, and the elements of a storage sorted
-        by name, in the order olefile lists them."""
+    def _tree(self, top: ElementPath) -> Iterator[Tuple[Tuple[str, ...], int, int]]:
+        """(names, kind code, size) of every element below `top`, in the
+        order of walk()."""
         self._check()
-        stack = [(_names(top), iter(self._children(_names(top))))]
+        start = tuple(_names(top))
+        stack = [(start, iter(self._children(start)))]
         while stack:
             prefix, children = stack[-1]
             for name, kind, size in children:
                 names = prefix + (name,)
-                yield Entry("/".join(names), names, _KINDS.get(kind, "unknown"),
-                            size)
+                yield names, kind, size
                 if kind == 1:
                     stack.append((names, iter(self._children(names))))
                     break
             else:
                 stack.pop()
 
+    def walk(self, top: ElementPath = "") -> Iterator[Entry]:
+        """Every element below `top` (the root by default): each storage
+        right before its own elements, and the elements of a storage sorted
+        by name, in the order olefile lists them."""
+        for names, kind, size in self._tree(top):
+            yield Entry("/".join(names), names, _KINDS.get(kind, "unknown"), size)
+
     def listdir(self, streams: bool = True,
                 storages: bool = False) -> List[List[str]]:
         """The paths of all streams and/or storages, as lists of names, in
         the order olefile's ``listdir`` gives them (the root excluded)."""
-        wanted = {STREAM: streams, STORAGE: storages}
-        return [list(e.names) for e in self.walk() if wanted.get(e.kind)]
+        wanted = (False, storages, streams)
+        return [list(names) for names, kind, _ in self._tree("")
+                if kind < 3 and wanted[kind]]
 
     def exists(self, path: ElementPath) -> bool:
         """True when `path` names a stream or a storage."""
@@ -338,7 +343,7 @@ class StorageFile:
         it does not exist and TypeError for a storage, as olefile does."""
         self._check()
         found = self._core.lookup(_names(path))
-        shown = "/".join(_names(path))
+        shown = "/".join(map(str, _names(path)))
         if found is None:
             raise _error(FileNotFoundError, _STG_E_FILENOTFOUND,
                          "no such file or element", shown)

@@ -1,8 +1,8 @@
 # Types of the extension module behind the gxstorage package (internal).
 # Element paths are tuples of names; kinds are 1 (storage) and 2 (stream).
-from typing import List, Optional, Tuple
+from typing import List, Optional, Sequence, Tuple
 
-Names = Tuple[str, ...]
+Names = Sequence[str]  # a list or tuple
 
 class CorruptFileError(ValueError):
     hresult: int

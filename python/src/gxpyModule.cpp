@@ -2,10 +2,11 @@
 // library's engines, with element paths passed as tuples of str. The
 // Python package (gxstorage/__init__.py) builds the public API on it.
 //
-// Names cross the boundary as UTF-16 with unpaired surrogates kept
-// ("surrogatepass"), so that every name a file holds can be read, listed
-// and written back unchanged. The interpreter's lock is released around
-// every call into the engines.
+// Names cross the boundary as UTF-16 with unpaired surrogates kept (as
+// code points of their own in str), so that every name a file holds can be
+// read, listed and written back unchanged. The interpreter's lock is
+// released around calls that may take long: transfers of 64 KiB or more,
+// and calls that walk or change the file.
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -21,40 +22,53 @@ namespace {
 PyObject* corruptFileError = nullptr;  // gxstorage.CorruptFileError
 
 std::u16string toUtf16(py::handle text) {
-  if (!PyUnicode_Check(text.ptr())) throw py::type_error("names must be str");
-  py::object bytes = py::reinterpret_steal<py::object>(
-      PyUnicode_AsEncodedString(text.ptr(), "utf-16-le", "surrogatepass"));
-  if (!bytes) throw py::error_already_set();
-  const char* data = PyBytes_AS_STRING(bytes.ptr());
-  const size_t units = static_cast<size_t>(PyBytes_GET_SIZE(bytes.ptr())) / 2;
-  std::u16string out(units, u'\0');
-  for (size_t i = 0; i < units; ++i) {
-    out[i] =
-        static_cast<char16_t>(static_cast<uint8_t>(data[2 * i]) |
-                              (static_cast<uint8_t>(data[2 * i + 1]) << 8));
+  PyObject* str = text.ptr();
+  if (!PyUnicode_Check(str) || PyUnicode_READY(str) != 0)
+    throw py::type_error("element names must be str");
+  const int kind = PyUnicode_KIND(str);
+  const void* data = PyUnicode_DATA(str);
+  const Py_ssize_t length = PyUnicode_GET_LENGTH(str);
+  std::u16string out;
+  out.reserve(static_cast<size_t>(length));
+  for (Py_ssize_t i = 0; i < length; ++i) {
+    const Py_UCS4 c = PyUnicode_READ(kind, data, i);
+    if (c > 0xFFFF) {
+      out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
+      out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
+    } else {
+      out += static_cast<char16_t>(c);  // lone surrogates stay as they are
+    }
   }
   return out;
 }
 
 py::str fromUtf16(const std::u16string& text) {
-  int order = -1;  // little endian, as laid out below
-  std::string bytes;
-  bytes.reserve(text.size() * 2);
-  for (char16_t c : text) {
-    bytes += static_cast<char>(c & 0xFF);
-    bytes += static_cast<char>(c >> 8);
+  std::vector<Py_UCS4> points;
+  points.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char16_t c = text[i];
+    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() &&
+        text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+      points.push_back(0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00));
+    } else {
+      points.push_back(c);
+    }
   }
   PyObject* out =
-      PyUnicode_DecodeUTF16(bytes.data(), static_cast<Py_ssize_t>(bytes.size()),
-                            "surrogatepass", &order);
+      PyUnicode_FromKindAndData(PyUnicode_4BYTE_KIND, points.data(),
+                                static_cast<Py_ssize_t>(points.size()));
   if (out == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(out);
 }
 
-gxpyNames toNames(const py::tuple& names) {
+// The names of an element path given as a list or tuple of str.
+gxpyNames toNames(py::handle names) {
+  if (!PyList_Check(names.ptr()) && !PyTuple_Check(names.ptr()))
+    throw py::type_error("an element path is a list or tuple of str");
+  py::sequence items = py::reinterpret_borrow<py::sequence>(names);
   gxpyNames out;
-  out.reserve(names.size());
-  for (py::handle name : names) out.push_back(toUtf16(name));
+  out.reserve(items.size());
+  for (py::handle name : items) out.push_back(toUtf16(name));
   return out;
 }
 
@@ -285,7 +299,7 @@ PYBIND11_MODULE(_gxstorage, m) {
 
   py::class_<gxpyFile, std::shared_ptr<gxpyFile>>(m, "File")
       .def("children",
-           [](gxpyFile& self, const py::tuple& names) {
+           [](gxpyFile& self, py::handle names) {
              gxpyNames n = toNames(names);
              std::vector<gxpyChild> found;
              {
@@ -298,7 +312,7 @@ PYBIND11_MODULE(_gxstorage, m) {
              return out;
            })
       .def("lookup",
-           [](gxpyFile& self, const py::tuple& names) -> py::object {
+           [](gxpyFile& self, py::handle names) -> py::object {
              gxpyNames n = toNames(names);
              gxpyChild found;
              bool exists;
@@ -310,7 +324,7 @@ PYBIND11_MODULE(_gxstorage, m) {
              return py::make_tuple(found.type, found.size);
            })
       .def("stat",
-           [](gxpyFile& self, const py::tuple& names) {
+           [](gxpyFile& self, py::handle names) {
              gxpyNames n = toNames(names);
              gxpyStat found;
              {
@@ -320,45 +334,41 @@ PYBIND11_MODULE(_gxstorage, m) {
              return statTuple(found);
            })
       .def("open_stream",
-           [](gxpyFile& self, const py::tuple& names, bool create) {
+           [](gxpyFile& self, py::handle names, bool create) {
              gxpyNames n = toNames(names);
              py::gil_scoped_release unlocked;
              return self.openStream(n, create);
            })
       .def("read",
-           [](gxpyFile& self, const py::tuple& names) {
+           [](gxpyFile& self, py::handle names) {
              gxpyNames n = toNames(names);
-             std::shared_ptr<gxpyStream> stream;
-             {
-               py::gil_scoped_release unlocked;
-               stream = self.openStream(n, false);
-             }
+             std::shared_ptr<gxpyStream> stream = self.openStream(n, false);
              py::bytes out = readStream(*stream, 0, -1);
              stream->close();
              return out;
            })
       .def("write",
-           [](gxpyFile& self, const py::tuple& names, py::handle data) {
+           [](gxpyFile& self, py::handle names, py::handle data) {
              gxpyNames n = toNames(names);
              Buffer buffer(data, false);
              Unlock unlocked(buffer.size());
              self.write(n, buffer.data(), buffer.size());
            })
       .def("remove",
-           [](gxpyFile& self, const py::tuple& names) {
+           [](gxpyFile& self, py::handle names) {
              gxpyNames n = toNames(names);
              py::gil_scoped_release unlocked;
              self.remove(n);
            })
       .def("rename",
-           [](gxpyFile& self, const py::tuple& names, py::handle to) {
+           [](gxpyFile& self, py::handle names, py::handle to) {
              gxpyNames n = toNames(names);
              std::u16string name = toUtf16(to);
              py::gil_scoped_release unlocked;
              self.rename(n, name);
            })
       .def("makedirs",
-           [](gxpyFile& self, const py::tuple& names) {
+           [](gxpyFile& self, py::handle names) {
              gxpyNames n = toNames(names);
              py::gil_scoped_release unlocked;
              return self.makeStorages(n);
