@@ -4,6 +4,8 @@ transaction; a transaction that ends in an exception leaves the file as it
 was, byte for byte."""
 import os
 import shutil
+import subprocess
+import sys
 
 import pytest
 
@@ -107,3 +109,35 @@ def test_created_files_appear_whole_or_not_at_all(tmp_path, rng):
         f.remove("empty")
     assert olefile_tree(path) == with_storages(tree)
     assert f.closed and os.listdir(tmp_path) == ["out.cfb"]
+
+
+READER = """
+import sys, gxstorage
+with gxstorage.open(sys.argv[1]) as f:
+    print(f.read("Docs/Note").decode(), sorted(e.path for e in f.walk("Docs")))
+try:
+    gxstorage.open(sys.argv[1], "r+")
+except PermissionError as e:
+    print(hex(e.hresult))
+"""
+
+
+def test_other_processes_see_only_committed_states(tmp_path):
+    path = tmp_path / "shared.cfb"
+    with gxstorage.create(path) as f:
+        f.write("Docs/Note", b"old")
+
+    def other_process():
+        run = subprocess.run([sys.executable, "-c", READER, str(path)],
+                             capture_output=True, text=True, timeout=60)
+        return run.stdout.split("\n")[:2]
+
+    with gxstorage.open(path, "r+") as f:
+        f.write("Docs/Note", b"new")
+        f.write("Docs/Added", b"")
+        # Locked against a second writer; readers see the committed state.
+        assert other_process() == ["old ['Docs/Note']", "0x80030020"]
+        f.commit()
+        assert other_process() == ["new ['Docs/Added', 'Docs/Note']", "0x80030020"]
+    with pytest.raises(NotADirectoryError):
+        list(gxstorage.open(path).walk("Docs/Note"))
