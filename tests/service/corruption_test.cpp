@@ -146,4 +146,25 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
   }
 }
 
+// Broke when chains could run on past the end of the file, where reads
+// give zeros: a file of 52 KB made the service hold a directory of 12,700
+// sectors. The directory's chain and a stream's chain are led past the
+// end, where the FAT ends them.
+TEST(ServiceCorruption, ChainsPastTheEndOfTheFileAreRefused) {
+  for (uint16_t version : {3, 4}) {
+    SCOPED_TRACE(version);
+    gxTestFileBuilder b = sample(version);
+    const std::string base = b.build();
+    const uint32_t past = static_cast<uint32_t>(base.size() / b.sectorSize) + 2;
+    const uint32_t bigEnd =
+        b.entries[11].startSector + (5000 + b.sectorSize - 1) / b.sectorSize - 1;
+    for (uint32_t last : {b.directorySectors.back(), bigEnd}) {
+      std::string f = base;
+      gxPutU32(f, b.fatEntryOffset(last), past);
+      gxPutU32(f, b.fatEntryOffset(past), gxTestFileBuilder::kEnd);
+      EXPECT_EQ(openReadAndEdit(f), STG_E_DOCFILECORRUPT);
+    }
+  }
+}
+
 }  // namespace
