@@ -88,39 +88,55 @@ HRESULT gxsDocFile::open(std::unique_ptr<pdFile> file, bool writable,
 }
 
 HRESULT gxsDocFile::create(std::unique_ptr<pdFile> file,
-                           std::unique_ptr<gxsDocFile>& out) {
+                           std::unique_ptr<gxsDocFile>& out, bool transacted) {
   std::unique_ptr<gxsDocFile> doc(new gxsDocFile(std::move(file)));
-  gxsDocFile& d = *doc;
-  d.writable_ = true;
-  d.header_ = gxdFileHeader::newFileHeader();
-  d.header_.numFatSectors = 1;
-  d.header_.difat[0] = 0;
-  d.header_.firstDirectorySector = 1;
-  d.fat_.assign(d.entriesPerSector(), kFreeSect);
-  d.fat_[0] = kFatSect;
-  d.fat_[1] = kEndOfChain;
-  d.fatSectors_ = {0};
-  d.fatDirty_ = {true};
-  d.dirChain_ = {1};
-  d.dirDirty_ = {true};
-  d.entries_.assign(d.sectorSize() / kDirRecordSize, unusedRecord());
-  gxdDirRecord& root = d.entries_[kRootId];
+  doc->writable_ = true;
+  doc->initEmpty();
+  if (transacted) {
+    // Nothing reaches the file before the first commit, which then writes
+    // the whole file front to back with no table moved.
+    doc->setTransacted(true);
+  } else {
+    HRESULT hr = doc->flush();
+    if (hr != S_OK) return hr;
+    doc->setTransacted(false);
+  }
+  out = std::move(doc);
+  return S_OK;
+}
+
+// The tables of a new, empty version 3 file: the header, one FAT sector
+// (sector 0) and one directory sector (sector 1) holding the root entry.
+void gxsDocFile::initEmpty() {
+  header_ = gxdFileHeader::newFileHeader();
+  header_.numFatSectors = 1;
+  header_.difat[0] = 0;
+  header_.firstDirectorySector = 1;
+  fat_.assign(entriesPerSector(), kFreeSect);
+  fat_[0] = kFatSect;
+  fat_[1] = kEndOfChain;
+  fatSectors_ = {0};
+  fatDirty_ = {true};
+  difatSectors_.clear();
+  miniFat_.clear(), miniFatChain_.clear(), miniFatDirty_.clear();
+  dirChain_ = {1};
+  dirDirty_ = {true};
+  entries_.assign(sectorSize() / kDirRecordSize, unusedRecord());
+  gxdDirRecord& root = entries_[kRootId];
   root.setName(u"Root Entry");
   root.objectType = kObjRoot;
   root.colour = 1;
   root.startSector = kEndOfChain;
-  d.miniStream_.mini = false;
-  d.parentOf_.assign(d.entries_.size(), kNoStream);
-  d.treeState_.assign(d.entries_.size(), 0);
-  d.freeHint_ = 2;
-  d.allocatedEnd_ = d.offsetOf(1) + d.sectorSize();
-  d.headerDirty_ = true;
-  d.changed_ = true;
-  HRESULT hr = d.flush();
-  if (hr != S_OK) return hr;
-  d.setTransacted(false);
-  out = std::move(doc);
-  return S_OK;
+  miniStream_ = Chain();
+  chains_.clear();
+  parentOf_.assign(entries_.size(), kNoStream);
+  treeState_.assign(entries_.size(), 0);
+  freeHint_ = 2;
+  miniFreeHint_ = 0;
+  entryFreeHint_ = 1;
+  allocatedEnd_ = offsetOf(1) + sectorSize();
+  headerDirty_ = true;
+  changed_ = true;
 }
 
 uint64_t gxsDocFile::maxStreamSize() const {
@@ -357,9 +373,11 @@ HRESULT gxsDocFile::flush() {
 // state whole until a switch: a direct flush or a transacted commit.
 void gxsDocFile::setTransacted(bool transacted) {
   transacted_ = transacted;
+  // Only sectors inside the file can belong to its state.
   protected_.assign(fat_.size(), 0);
   for (size_t s = 0; s < protected_.size(); ++s)
-    protected_[s] = fat_[s] != kFreeSect;
+    protected_[s] = fat_[s] != kFreeSect &&
+                    offsetOf(static_cast<uint32_t>(s)) < fileBytes_;
   pendingZero_.clear();
   taken_.clear();
   committedBytes_ = fileBytes_;
@@ -503,8 +521,20 @@ void gxsDocFile::dropUncommitted() {
 HRESULT gxsDocFile::revert() {
   if (!transacted_ || !changed_ || corrupt_) return S_OK;
   dropUncommitted();
+  if (committedBytes_ == 0) {
+    // Created and never committed: back to the empty tree.
+    initEmpty();
+    changed_ = false;
+    setTransacted(true);
+    return S_OK;
+  }
   HRESULT hr = load();
-  if (hr != S_OK) return fail(hr);
+  if (hr != S_OK) {
+    // No tables to work on any more: nothing is written from here on.
+    corrupt_ = true;
+    entries_.assign(1, unusedRecord());
+    return STG_E_DOCFILECORRUPT;
+  }
   changed_ = false;
   setTransacted(true);
   return S_OK;
@@ -579,6 +609,14 @@ HRESULT gxsDocFile::writeTables() {
 HRESULT gxsDocFile::close() {
   if (transacted_) {
     if (writable_ && changed_ && !corrupt_) dropUncommitted();
+    // A file created transacted and never committed still ends up a valid,
+    // empty compound file.
+    if (writable_ && committedBytes_ == 0 && !corrupt_) {
+      initEmpty();
+      transacted_ = false;
+      protected_.clear();
+      return flush();
+    }
     return S_OK;
   }
   HRESULT hr = flush();

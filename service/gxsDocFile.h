@@ -39,8 +39,11 @@ class gxsDocFile {
                       std::unique_ptr<gxsDocFile>& out);
   // Writes a new, empty version 3 file (header, one FAT sector, one
   // directory sector holding the root entry) over `file`, which is empty.
+  // With `transacted`, nothing is written before the first commit (a
+  // release without one leaves the empty file).
   static HRESULT create(std::unique_ptr<pdFile> file,
-                        std::unique_ptr<gxsDocFile>& out);
+                        std::unique_ptr<gxsDocFile>& out,
+                        bool transacted = false);
 
   bool writable() const { return writable_; }
   bool corrupt() const { return corrupt_; }
@@ -142,6 +145,7 @@ class gxsDocFile {
 
   // Loading (gxsDocFile.cpp).
   HRESULT load();
+  void initEmpty();
   HRESULT loadFat();
   HRESULT loadDirectory();
   HRESULT loadMiniFat();
