@@ -117,12 +117,14 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
         {"mini stream of 4 GiB", entry(0, 120), 0xFFFFFFF0, 4, kCorrupt},
         {"child link out of range", entry(1, 76), 5000, 4, kCorrupt},
         {"sibling points to itself", entry(1, 68), 1, 4, kCorrupt},
+        {"two siblings point at each other", entry(11, 72), 1, 4, kCorrupt},
         {"child points to an ancestor", entry(5, 76), 1, 4, kCorrupt},
         {"root entry is a storage", entry(0, 66), 1, 1, kCorrupt},
         {"stream longer than its chain", entry(11, 120), 9000, 4, kCorrupt},
         {"small stream longer than its chain", entry(2, 120), 3500, 4, kCorrupt},
         {"two streams share a chain", entry(3, 116), 0, 4, kCorrupt},
         {"large stream chain ends early", fat(b.entries[11].startSector), kEnd, 4, kCorrupt},
+        {"large stream chain loops", fat(b.entries[11].startSector + 1), b.entries[11].startSector, 4, kCorrupt},
     };
     // clang-format on
     for (const Edit& e : edits) {
