@@ -126,7 +126,8 @@ bool readSmallRaw(const std::string& path, Timer& timer, std::string* error) {
   return ok || fail(error, "byte mismatch in the plain small file");
 }
 
-bool w1(const Paths& paths, double* seconds, std::string* error) {
+bool w1(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
@@ -137,7 +138,8 @@ bool w1(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w2(const Paths& paths, double* seconds, std::string* error) {
+bool w2(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
@@ -148,14 +150,16 @@ bool w2(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w3(const Paths& paths, double* seconds, std::string* error) {
+bool w3(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readLargeRaw(paths.largeRaw(), timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w4(const Paths& paths, double* seconds, std::string* error) {
+bool w4(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readSmallRaw(paths.smallRaw(), timer, error)) return false;
   *seconds = timer.seconds();
@@ -164,7 +168,8 @@ bool w4(const Paths& paths, double* seconds, std::string* error) {
 
 // Time to first byte of a plain file: open it and read the probe stream's
 // bytes where they lie.
-bool w5(const Paths& paths, double* seconds, std::string* error) {
+bool w5(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const SmallSet& set = SmallSet::get();
   std::vector<uint8_t> data(kSmallMax);
   std::vector<uint8_t> scratch;
@@ -185,7 +190,8 @@ bool w5(const Paths& paths, double* seconds, std::string* error) {
   return true;
 }
 
-bool w6(const Paths& paths, double* seconds, std::string* error) {
+bool w6(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   std::vector<uint8_t> data(kRandomSize);
   std::vector<uint8_t> scratch;
   const int fd = ::open(paths.largeRaw().c_str(), O_RDONLY);
