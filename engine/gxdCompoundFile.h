@@ -2,6 +2,8 @@
 // in memory everything of the file except the data of large streams: the
 // header, the whole FAT and MiniFAT, the directory as a tree of entries and
 // the whole mini stream. A created file is written once, whole, by save().
+// The tables are pdTable / pdBytes (porting/gxdTable.h): resize(n) leaves
+// new elements unset, for tables that are read or computed right away.
 //
 // The engine works on a std::iostream that it does not own. It reports a
 // failed load only through that stream's state: failed or bad after the
@@ -11,11 +13,11 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <map>
 #include <vector>
 
 #include "engine/gxdDirEntry.h"
 #include "engine/gxdFormat.h"
+#include "porting/gxdTable.h"
 
 class gxdCompoundFile {
  public:
@@ -96,7 +98,7 @@ class gxdCompoundFile {
   uint64_t loadedDirectorySectors() const { return loadedDirectorySectors_; }
 
   // ---- Fields (read directly by the portable objects) -----------------
-  uint32_t sectorCount = 0;   // output positions used, header's included
+  uint32_t sectorCount = 0;         // output positions used, header's included
   std::vector<uint8_t> zeroSector;  // one sector, placeholder source
   uint32_t headerPosition = 0xFFFFFFFFu;
   uint32_t fatSectorCount = 0;
@@ -112,20 +114,20 @@ class gxdCompoundFile {
   std::iostream* tempStream;  // not owned; null for an opened file
   uint32_t lastTempBlock = 0xFFFFFFFFu;
   gxdFileHeader header;
-  std::vector<uint32_t> fat;
+  pdTable fat;
   std::vector<uint32_t> difatBuffer;  // entries of all DIFAT sectors
-  size_t currentDifatSector = 0;  // index in difatBuffer of the last one
+  size_t currentDifatSector = 0;      // index in difatBuffer of the last one
   uint32_t difatSlot = 0xFFFFFFFFu;
-  std::vector<uint32_t> miniFat;
+  pdTable miniFat;
   uint32_t lastMiniSector = 0xFFFFFFFFu;
   uint16_t sectorSize = 0;
   uint16_t miniSectorSize = 0;
-  std::vector<uint8_t> miniStream;
+  pdBytes miniStream;
   uint32_t miniStreamSectorCount = 0;
   uint32_t entriesPerSector = 0;
   gxdStorageEntry rootEntry;
   std::vector<gxdChangeRecord> pendingChanges;
-  std::map<uint32_t, bool> loadedEntries;
+  std::vector<bool> loadedEntries;  // by entry number, while loading
 
   // Storages nested deeper than this make a loaded file corrupt: the tree
   // is copied and destroyed recursively, so its depth must stay bounded.
@@ -141,6 +143,11 @@ class gxdCompoundFile {
   void markCorrupt();
   // Reads `size` bytes at absolute `offset` of the file; false on failure.
   bool readAt(uint64_t offset, void* data, size_t size);
+  // Reads the sectors of `chain` into `data`, one read per run of
+  // consecutive sectors, `length` bytes in all (the last sector may be
+  // read in part); false on failure.
+  bool readChain(const std::vector<uint32_t>& chain, uint8_t* data,
+                 uint64_t length);
   // Follows a FAT chain from `start`, validating every link; stops at
   // ENDOFCHAIN or after `maxLength` sectors. False on a bad link or a loop.
   bool followChain(uint32_t start, uint64_t maxLength,
@@ -159,7 +166,7 @@ class gxdCompoundFile {
   uint64_t fileLength_ = 0;
   uint64_t fileSectorCount_ = 0;
   uint64_t loadedDirectorySectors_ = 0;
-  std::vector<uint8_t> directoryData_;  // loaded directory chain, in order
+  pdBytes directoryData_;           // loaded directory chain, in order
   uint64_t outputAt_ = UINT64_MAX;  // where the output's put position stands
   uint64_t tempAt_ = UINT64_MAX;    // where the temp file's position stands
   bool tempWriting_ = false;        // the temp file's last transfer was a write

@@ -1,7 +1,6 @@
 // The platform service on hosts that have none: open and create are not
 // available; the probe looks at the signature the way the platform does.
 #include <cstdlib>
-#include <fstream>
 
 #include "engine/gxdFormat.h"
 #include "platform/gxPlatform.h"
@@ -20,7 +19,7 @@ HRESULT StgCreateDocfile(const OLECHAR*, DWORD, DWORD, IStorage** storage) {
 
 HRESULT StgIsStorageFile(const OLECHAR* name) {
   std::u16string path = pdFromUnits(name);
-  std::fstream file;
+  pdFileStream file;
   pdOpenFile(path.c_str(), kPdOpenRead, file);
   if (file.fail()) return STG_E_FILENOTFOUND;
   uint8_t signature[sizeof(kGxdSignature)] = {};
