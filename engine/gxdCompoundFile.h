@@ -51,8 +51,21 @@ class gxdCompoundFile {
                        bool createIfMissing);
 
   // ---- Sector allocation (write side, inside one save) -----------------
-  // Writes a placeholder sector at position sectorCount; returns its id.
-  uint32_t appendSector();
+  // Sectors are numbered in the order they are needed; nothing is written
+  // while the save lays the file out. Each sector's content is recorded as
+  // where it comes from, and the file is written once, front to back, when
+  // every table is final (writeLayout).
+  enum SectorKind : uint8_t {
+    kFatSector,         // source: FAT sector ordinal (entries ordinal * E on)
+    kDifatSector,       // source: DIFAT sector ordinal
+    kDirectorySector,   // source: sector ordinal within directoryBuffer
+    kMiniFatSector,     // source: sector ordinal within miniFat
+    kMiniStreamSector,  // source: sector ordinal within miniStream
+    kDataSector,        // source: byte offset in the temporary file
+  };
+  // Takes position sectorCount for a sector of `kind` whose content comes
+  // from `source`; returns its id.
+  uint32_t appendSector(SectorKind kind, uint64_t source);
   // Reserves the header's position, FAT sector 0 and directory sector 1.
   void startOutput();
   // Grows the FAT (with DIFAT slots and sectors) until entry `sector` exists.
@@ -98,8 +111,7 @@ class gxdCompoundFile {
   uint64_t loadedDirectorySectors() const { return loadedDirectorySectors_; }
 
   // ---- Fields (read directly by the portable objects) -----------------
-  uint32_t sectorCount = 0;         // output positions used, header's included
-  std::vector<uint8_t> zeroSector;  // one sector, placeholder source
+  uint32_t sectorCount = 0;  // output positions used, header's included
   uint32_t headerPosition = 0xFFFFFFFFu;
   uint32_t fatSectorCount = 0;
   std::vector<uint32_t> directorySectors;
@@ -160,8 +172,28 @@ class gxdCompoundFile {
   // stream, then its last block flushed at commit) costs no seek per block.
   // False when the bytes could not be read.
   bool readTempWindowed(uint64_t offset, void* data, size_t size);
-  void writeChain(const std::vector<uint32_t>& sectors, const uint8_t* data,
-                  uint32_t* firstField);
+  // Chains `sectors` in the FAT and stores the first in `*firstField` when
+  // given.
+  void linkChain(const std::vector<uint32_t>& sectors, uint32_t* firstField);
+  // Writes every sector the layout holds, in file order: tables gathered
+  // from memory into large writes, stream data copied from the temporary
+  // file (inside the kernel where the host can).
+  void writeLayout();
+  // The bytes of one table sector, `sectorSize` of them, into `out`.
+  void tableSector(SectorKind kind, uint64_t ordinal, uint8_t* out) const;
+  // Copies `size` bytes at `from` of the temporary file to `to` of the
+  // output; a failure leaves the output failed.
+  void copyFromTemp(uint64_t from, uint64_t to, uint64_t size);
+
+  // One run of consecutive output sectors of one kind whose sources follow
+  // each other.
+  struct Extent {
+    uint32_t first;  // sector id
+    uint32_t count;
+    SectorKind kind;
+    uint64_t source;  // of the first sector
+  };
+  std::vector<Extent> layout_;  // in sector order, without gaps
 
   uint64_t fileLength_ = 0;
   uint64_t fileSectorCount_ = 0;

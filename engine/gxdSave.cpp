@@ -1,13 +1,14 @@
 // The one-time save of a created file: the change records are replayed into
-// directory records and placed stream data, then the directory, MiniFAT,
-// mini stream, FAT, DIFAT sectors and finally the header are written over
-// the placeholders reserved for them.
+// directory records and placed stream data, the chains of the directory,
+// MiniFAT and mini stream are linked, and once every table is final the
+// file is written front to back, each byte once, the header last.
 //
 // Failures of the output or of the temporary file are not reported through
 // commit (it returns nothing). They leave the output stream in its failed
 // state, which is how the engine tells of trouble; the save itself always
 // ends, since every loop runs over in-memory tables, and it never writes
 // beyond the positions it has allocated.
+#include <cstring>
 #include <ostream>
 
 #include "engine/gxdCompoundFile.h"
@@ -27,8 +28,8 @@ size_t recordName(const uint8_t* record, char16_t (&units)[kNameFieldUnits]) {
   return n;
 }
 
-void fillRecord(uint8_t* record, const std::u16string& name,
-                uint8_t objectType, uint8_t colour) {
+void fillRecord(uint8_t* record, const std::u16string& name, uint8_t objectType,
+                uint8_t colour) {
   gxdDirRecord r;
   r.setName(name);
   r.objectType = objectType;
@@ -69,9 +70,9 @@ void gxdCompoundFile::save() {
         break;
       case gxdChangeRecord::kStreamWritten:
         if (outputStarted == 1)
-          writeStreamData(*static_cast<gxdDirEntry*>(change.first),
-                          *static_cast<const std::vector<uint32_t>*>(
-                              change.second));
+          writeStreamData(
+              *static_cast<gxdDirEntry*>(change.first),
+              *static_cast<const std::vector<uint32_t>*>(change.second));
         break;
       default:
         break;
@@ -81,55 +82,21 @@ void gxdCompoundFile::save() {
   // write.
   if (outputStarted == 0) return;
 
+  // Directory, MiniFAT and mini stream chains. Linking them may still add
+  // FAT and DIFAT sectors at the end.
+  linkChain(directorySectors, &header.firstDirectorySector);
+  if (!miniFatSectors.empty())
+    linkChain(miniFatSectors, &header.firstMiniFatSector);
+  if (!miniStreamSectors.empty()) linkChain(miniStreamSectors, nullptr);
+
+  // Each DIFAT sector's last slot names the next one.
   const uint32_t e = sectorSize / 4;
-  std::vector<uint8_t> sector(sectorSize);
+  for (size_t k = 1; k < difatSectors.size(); ++k)
+    difatBuffer[(k - 1) * e + e - 1] = difatSectors[k];
 
-  // Directory, MiniFAT and mini stream chains.
-  writeChain(directorySectors, directoryBuffer.data(),
-             &header.firstDirectorySector);
-  if (!miniFatSectors.empty()) {
-    std::vector<uint8_t> bytes(miniFat.size() * 4);
-    for (size_t i = 0; i < miniFat.size(); ++i)
-      storeU32(bytes.data() + 4 * i, miniFat[i]);
-    writeChain(miniFatSectors, bytes.data(), &header.firstMiniFatSector);
-  }
-  if (!miniStreamSectors.empty())
-    writeChain(miniStreamSectors, miniStream.data(), nullptr);
+  writeLayout();
 
-  auto writeFatSector = [&](uint64_t index, uint32_t at) {
-    for (uint32_t k = 0; k < e; ++k) {
-      uint64_t entry = index * e + k;
-      storeU32(sector.data() + 4 * k,
-               entry < fat.size() ? fat[entry] : kFreeSect);
-    }
-    writeOutput(sectorOffset(at, header.sectorShift), sector.data(),
-                sectorSize);
-  };
-
-  // FAT sectors listed in the header.
-  for (uint32_t j = 0; j < kHeaderDifatSlots; ++j) {
-    if (header.difat[j] == kFreeSect) break;
-    writeFatSector(j, header.difat[j]);
-  }
-  // FAT sectors listed in DIFAT sectors, and the DIFAT sectors themselves.
-  if (header.difat[kHeaderDifatSlots - 1] != kFreeSect &&
-      header.numDifatSectors > 0) {
-    for (size_t k = 1; k < difatSectors.size(); ++k)
-      difatBuffer[(k - 1) * e + e - 1] = difatSectors[k];
-    for (size_t k = 0; k < difatSectors.size(); ++k) {
-      for (uint32_t j = 0; j + 1 < e; ++j) {
-        uint32_t at = difatBuffer[k * e + j];
-        if (at == kFreeSect) break;
-        writeFatSector(kHeaderDifatSlots + k * (e - 1) + j, at);
-      }
-      for (uint32_t j = 0; j < e; ++j)
-        storeU32(sector.data() + 4 * j, difatBuffer[k * e + j]);
-      writeOutput(sectorOffset(difatSectors[k], header.sectorShift),
-                  sector.data(), sectorSize);
-    }
-  }
-
-  // The header last: until now offset 0 holds zero bytes.
+  // The header last: until now offset 0 holds no bytes of it.
   uint8_t raw[kHeaderSize];
   header.store(raw);
   writeOutput(static_cast<uint64_t>(headerPosition) * sectorSize, raw,
@@ -137,13 +104,9 @@ void gxdCompoundFile::save() {
   fileStream->flush();
 }
 
-// Writes one sector of `data` per sector of `sectors`, chaining them in the
-// FAT, and stores the first sector in `*firstField` when given.
-void gxdCompoundFile::writeChain(const std::vector<uint32_t>& sectors,
-                                 const uint8_t* data, uint32_t* firstField) {
+void gxdCompoundFile::linkChain(const std::vector<uint32_t>& sectors,
+                                uint32_t* firstField) {
   for (size_t i = 0; i < sectors.size(); ++i) {
-    writeOutput(sectorOffset(sectors[i], header.sectorShift),
-                data + i * sectorSize, sectorSize);
     if (i == 0) {
       if (firstField != nullptr) *firstField = sectors[0];
     } else {
@@ -155,6 +118,66 @@ void gxdCompoundFile::writeChain(const std::vector<uint32_t>& sectors,
     ensureFatEntry(sectors.back());
     fat[sectors.back()] = kEndOfChain;
   }
+}
+
+void gxdCompoundFile::tableSector(SectorKind kind, uint64_t ordinal,
+                                  uint8_t* out) const {
+  const size_t e = sectorSize / 4;
+  const size_t from = static_cast<size_t>(ordinal) * e;
+  switch (kind) {
+    case kFatSector:
+      for (size_t k = 0; k < e; ++k)
+        storeU32(out + 4 * k,
+                 from + k < fat.size() ? fat[from + k] : kFreeSect);
+      break;
+    case kDifatSector:
+      for (size_t k = 0; k < e; ++k)
+        storeU32(out + 4 * k, difatBuffer[from + k]);
+      break;
+    case kMiniFatSector:
+      for (size_t k = 0; k < e; ++k) storeU32(out + 4 * k, miniFat[from + k]);
+      break;
+    case kDirectorySector:
+      std::memcpy(out, directoryBuffer.data() + ordinal * sectorSize,
+                  sectorSize);
+      break;
+    case kMiniStreamSector:
+      std::memcpy(out, miniStream.data() + ordinal * sectorSize, sectorSize);
+      break;
+    case kDataSector:
+      break;
+  }
+}
+
+void gxdCompoundFile::writeLayout() {
+  // Table sectors gather into writes of up to this many sectors.
+  constexpr size_t kGatherSectors = 512;
+  pdBytes gather;
+  gather.reserve(kGatherSectors * sectorSize);
+  uint32_t gatherFirst = 0;  // sector id of gather[0]
+  auto writeGathered = [&] {
+    if (gather.empty()) return;
+    writeOutput(sectorOffset(gatherFirst, header.sectorShift), gather.data(),
+                gather.size());
+    gather.clear();
+  };
+  for (const Extent& x : layout_) {
+    if (!fileStream->good()) return;
+    if (x.kind == kDataSector) {
+      writeGathered();
+      copyFromTemp(x.source, sectorOffset(x.first, header.sectorShift),
+                   uint64_t{x.count} * sectorSize);
+      continue;
+    }
+    for (uint32_t i = 0; i < x.count; ++i) {
+      if (gather.empty()) gatherFirst = x.first + i;
+      const size_t at = gather.size();
+      gather.resize(at + sectorSize);
+      tableSector(x.kind, x.source + i, gather.data() + at);
+      if (gather.size() >= kGatherSectors * sectorSize) writeGathered();
+    }
+  }
+  writeGathered();
 }
 
 void gxdCompoundFile::addStorageEntry(gxdStorageEntry* parent,
