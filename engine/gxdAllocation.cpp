@@ -118,7 +118,9 @@ void gxdCompoundFile::growMiniStream() {
     storeU32(root + gxdDirField::kStreamSize,
              loadU32(root + gxdDirField::kStreamSize) + sectorSize);
   }
-  miniStream.resize(static_cast<size_t>(sectorSize) * miniStreamSectorCount, 0);
+  // Left unset: every mini sector is filled when a small stream takes it,
+  // and the save clears what no stream took (see save()).
+  miniStream.resize(static_cast<size_t>(sectorSize) * miniStreamSectorCount);
 }
 
 uint8_t* gxdCompoundFile::directoryRecord(uint32_t index) {

@@ -89,9 +89,9 @@ class gxdCompoundFile {
   uint32_t tempBlocksLeft() const;
   // Places a stream's data by its final size: into the mini stream when
   // below the cutoff, else into appended sectors; records its start.
-  void writeStreamData(gxdDirEntry& entry, const std::vector<uint32_t>& blocks);
-  uint32_t writeSmallStream(uint64_t size, const std::vector<uint32_t>& blocks);
-  uint32_t writeLargeStream(uint32_t size, const std::vector<uint32_t>& blocks);
+  void writeStreamData(gxdDirEntry& entry, const pdTable& blocks);
+  uint32_t writeSmallStream(uint64_t size, const pdTable& blocks);
+  uint32_t writeLargeStream(uint32_t size, const pdTable& blocks);
 
   // ---- Saving ---------------------------------------------------------
   // Writes the whole created file once; later calls do nothing.
@@ -119,7 +119,7 @@ class gxdCompoundFile {
   std::vector<uint32_t> miniStreamSectors;
   std::vector<uint32_t> difatSectors;
   uint32_t outputStarted = 0;  // 1 once startOutput ran; save runs only at 0
-  std::vector<uint8_t> directoryBuffer;  // 128-byte records being built
+  pdBytes directoryBuffer;     // 128-byte records being built
   uint32_t nextDirectoryIndex = 0xFFFFFFFFu;
   bool loadExisting;
   std::iostream* fileStream;  // not owned

@@ -45,18 +45,36 @@ void fillRecord(uint8_t* record, const std::u16string& name, uint8_t objectType,
 
 void gxdCompoundFile::save() {
   if (outputStarted == 1 || fileStream == nullptr) return;
-  // The mini stream grows sector by sector while the records are replayed;
-  // the small streams written bound its final size, so it is allocated once
-  // instead of being copied at every doubling.
-  uint64_t miniBytes = 0;
+  // The tables grow sector by sector while the records are replayed; what
+  // was created and written bounds their final sizes, so each is allocated
+  // once instead of being copied at every doubling.
+  uint64_t miniBytes = 0, largeSectors = 0, records = 1;
   for (const gxdChangeRecord& change : pendingChanges) {
-    if (change.kind != gxdChangeRecord::kStreamWritten) continue;
+    if (change.kind != gxdChangeRecord::kStreamWritten) {
+      ++records;
+      continue;
+    }
     const gxdDirEntry& e = *static_cast<const gxdDirEntry*>(change.first);
-    if (e.sizeHigh() == 0 && e.sizeLow() < header.miniStreamCutoff)
+    if (e.sizeHigh() == 0 && e.sizeLow() < header.miniStreamCutoff) {
       miniBytes += (uint64_t{e.sizeLow()} + miniSectorSize - 1) /
                    miniSectorSize * miniSectorSize;
+    } else {
+      largeSectors += static_cast<const pdTable*>(change.second)->size();
+    }
   }
-  if (miniBytes > 0) miniStream.reserve(miniBytes + sectorSize);
+  const uint64_t perSector = sectorSize / 4;
+  const uint64_t miniEstimate = miniBytes / sectorSize + 1;
+  const uint64_t miniFatEstimate = miniBytes / miniSectorSize / perSector + 1;
+  const uint64_t directoryEstimate = records / entriesPerSector + 1;
+  const uint64_t sectorEstimate =
+      1 + directoryEstimate + miniFatEstimate + miniEstimate + largeSectors;
+  // Each FAT sector covers perSector sectors, itself among them.
+  const uint64_t fatEstimate = sectorEstimate / (perSector - 1) + 2;
+  fat.reserve(static_cast<size_t>(fatEstimate * perSector));
+  miniFat.reserve(static_cast<size_t>(miniFatEstimate * perSector));
+  directoryBuffer.reserve(static_cast<size_t>(directoryEstimate * sectorSize));
+  if (miniBytes > 0)
+    miniStream.reserve(static_cast<size_t>(miniEstimate * sectorSize));
   for (const gxdChangeRecord& change : pendingChanges) {
     switch (change.kind) {
       case gxdChangeRecord::kStorageCreated:
@@ -70,9 +88,8 @@ void gxdCompoundFile::save() {
         break;
       case gxdChangeRecord::kStreamWritten:
         if (outputStarted == 1)
-          writeStreamData(
-              *static_cast<gxdDirEntry*>(change.first),
-              *static_cast<const std::vector<uint32_t>*>(change.second));
+          writeStreamData(*static_cast<gxdDirEntry*>(change.first),
+                          *static_cast<const pdTable*>(change.second));
         break;
       default:
         break;
@@ -93,6 +110,16 @@ void gxdCompoundFile::save() {
   const uint32_t e = sectorSize / 4;
   for (size_t k = 1; k < difatSectors.size(); ++k)
     difatBuffer[(k - 1) * e + e - 1] = difatSectors[k];
+
+  // Small streams took mini sectors from 0 on without gaps, each filled as
+  // it was taken; only the end of the mini stream's last sector that no
+  // stream took is still to be cleared.
+  const size_t usedMini =
+      lastMiniSector == 0xFFFFFFFFu
+          ? 0
+          : (static_cast<size_t>(lastMiniSector) + 1) * miniSectorSize;
+  if (usedMini < miniStream.size())
+    std::memset(miniStream.data() + usedMini, 0, miniStream.size() - usedMini);
 
   writeLayout();
 

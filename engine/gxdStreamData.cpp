@@ -121,7 +121,7 @@ bool gxdCompoundFile::readTempWindowed(uint64_t offset, void* data,
 }
 
 void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
-                                      const std::vector<uint32_t>& blocks) {
+                                      const pdTable& blocks) {
   // Data of a stream without a directory record of its own could never be
   // reached from the written file: it is not placed.
   if (directoryRecord(entry.dirIndex) == nullptr) return;
@@ -139,8 +139,8 @@ void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
   storeU32(directoryRecord(entry.dirIndex) + gxdDirField::kStartSector, start);
 }
 
-uint32_t gxdCompoundFile::writeSmallStream(
-    uint64_t size, const std::vector<uint32_t>& blocks) {
+uint32_t gxdCompoundFile::writeSmallStream(uint64_t size,
+                                           const pdTable& blocks) {
   if (size == 0) return kEndOfChain;
   const uint32_t perBlock = sectorSize / miniSectorSize;
   const uint32_t first = lastMiniSector == 0xFFFFFFFFu ? 0 : lastMiniSector + 1;
@@ -176,8 +176,8 @@ uint32_t gxdCompoundFile::writeSmallStream(
 // the FAT; the FAT grows before a sector whose predecessor it cannot hold,
 // so a FAT (or DIFAT) sector may come between two data sectors. Only the
 // layout is recorded here: the data moves when the save writes the file.
-uint32_t gxdCompoundFile::writeLargeStream(
-    uint32_t size, const std::vector<uint32_t>& blocks) {
+uint32_t gxdCompoundFile::writeLargeStream(uint32_t size,
+                                           const pdTable& blocks) {
   if (size == 0 || blocks.empty()) return kEndOfChain;
   const uint32_t start = sectorCount - 1;
   uint32_t prev = start;

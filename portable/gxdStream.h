@@ -56,7 +56,7 @@ class gxdStream : public gxdIStream {
   uint16_t bufferFill;
   std::unique_ptr<uint8_t[]> buffer;  // kBlockSize bytes from the first write
 
-  std::vector<uint32_t> tempBlocks;  // temporary-file blocks, in order
+  pdTable tempBlocks;  // temporary-file blocks, in order
   std::vector<gxdStream*> clones;    // each holds its construction reference
   uint32_t refCount;
 

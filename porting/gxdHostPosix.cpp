@@ -170,12 +170,17 @@ bool pdHostCopy(pdHandle source, uint64_t from, pdHandle target, uint64_t to,
 #if defined(__linux__) && defined(MADV_HUGEPAGE) && !defined(GXD_HOST_SANITIZED)
 
 namespace {
-// Tables from 1 MiB on are mapped on their own, in whole 2 MiB pages.
-constexpr size_t kLargeTable = size_t{1} << 20;
+// Tables from 256 KiB on are mapped on their own, starting on a 2 MiB
+// boundary: one large page costs one page fault where 4 KiB pages cost 512.
+// A table below 2 MiB takes one whole large page; a larger one ends in 4 KiB
+// pages, so that no more than 2 MiB are taken beyond what it asked for.
+constexpr size_t kLargeTable = size_t{256} << 10;
 constexpr size_t kLargePage = size_t{2} << 20;
+constexpr size_t kSmallPage = size_t{4} << 10;
 
 size_t mappedLength(size_t bytes) {
-  return (bytes + kLargePage - 1) / kLargePage * kLargePage;
+  if (bytes < kLargePage) return kLargePage;
+  return (bytes + kSmallPage - 1) / kSmallPage * kSmallPage;
 }
 }  // namespace
 

@@ -34,7 +34,7 @@ struct Doc {
   gxdCompoundFile cf{&out, &temp, false};
   std::deque<gxdStorageEntry> storages;
   std::deque<gxdDirEntry> streams;
-  std::deque<std::vector<uint32_t>> lists;
+  std::deque<pdTable> lists;
   Doc() { record(1, nullptr, &cf.rootEntry, true); }
   void record(uint8_t kind, void* a, void* b, bool root = false) {
     gxdChangeRecord r;
@@ -49,8 +49,8 @@ struct Doc {
   }
   // A stream under `parent` (the root by default); its blocks are appended
   // to the returned list.
-  std::vector<uint32_t>& entry(const std::u16string& name, uint64_t size,
-                               gxdStorageEntry* parent = nullptr) {
+  pdTable& entry(const std::u16string& name, uint64_t size,
+                 gxdStorageEntry* parent = nullptr) {
     streams.emplace_back();
     streams.back().name = name, streams.back().size = size;
     record(2, parent ? parent : &cf.rootEntry, &streams.back());
@@ -62,7 +62,7 @@ struct Doc {
   // streams cost one block of memory.
   void stream(const std::u16string& name, uint64_t size,
               bool oneBlock = false) {
-    std::vector<uint32_t>& list = entry(name, size);
+    pdTable& list = entry(name, size);
     uint8_t block[512];
     for (uint64_t off = 0; off < size; off += 512) {
       for (int i = 0; i < 512; ++i) block[i] = patternByte(off + i);
@@ -82,7 +82,7 @@ struct FaultDoc : Doc {
   FaultDoc() {
     gxdStorageEntry* s = storage(u"S");
     const uint32_t sizes[4] = {100, 3000, 150 * 512 + 7, 4095};
-    std::vector<uint32_t>* l[4];
+    pdTable* l[4];
     for (int i = 0; i < 4; ++i)
       l[i] = &entry(std::u16string(1, char16_t(u'a' + i)), sizes[i],
                     i == 1 ? s : nullptr);
@@ -295,7 +295,7 @@ TEST(SaveTest, ManyInterleavedElementsKeepTheirBytes) {
   std::vector<gxdStorageEntry*> parents{&d.cf.rootEntry};
   struct Pending {
     gxdDirEntry* entry;
-    std::vector<uint32_t>* blocks;
+    pdTable* blocks;
   };
   std::vector<Pending> pending;
   for (int i = 0; i < 1600; ++i) {

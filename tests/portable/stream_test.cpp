@@ -140,13 +140,13 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   EXPECT_EQ(a->write(data.data(), 512, &written), GX_S_OK);
   EXPECT_TRUE(written == 512 && a->tempBlocks.empty() && a->bufferFill == 512);
   EXPECT_EQ(a->write(data.data() + 512, 1, &written), GX_S_OK);
-  EXPECT_EQ(a->tempBlocks, std::vector<uint32_t>{0});
+  EXPECT_EQ(a->tempBlocks, pdTable{0});
   EXPECT_EQ(a->bufferFill, 1u);
   SCOPED_TRACE("flush after 700 bytes; one kind 3 record per stream");
   b->write(data.data(), 300, nullptr);
   b->write(data.data() + 300, 400, nullptr);
   b->flush();
-  EXPECT_EQ(b->tempBlocks, (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(b->tempBlocks, (pdTable{1, 2}));
   EXPECT_TRUE(b->bufferFill == 0 && b->entry.size == 700);
   EXPECT_TRUE(kind3(a) == 1 && kind3(b) == 1);
   SCOPED_TRACE("writes that would pass 4 GiB or the temporary file's limit");
