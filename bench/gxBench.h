@@ -74,7 +74,8 @@ struct Paths {
   // What W3/W6 and W4/W5 read.
   std::string largeFile() const { return gsfInputs ? gsfLarge() : ownLarge(); }
   std::string smallFile() const { return gsfInputs ? gsfSmall() : ownSmall(); }
-  // Outputs of the write workloads, removed before every iteration.
+  // Outputs of the write workloads (and "floor.tmp" beside the floor's),
+  // removed before every iteration.
   std::string output(const char* impl) const {
     return file((std::string("out-") + impl + ".gxs").c_str());
   }
@@ -118,6 +119,11 @@ struct Implementation {
 
 const Implementation& oursImplementation();
 const Implementation& limitImplementation();
+// The floor of W1 for a writer that keeps every byte in a temporary file
+// first: the plain write of the stream, then an in-kernel copy of the same
+// bytes (copy_file_range) in the 127-sector runs that the format leaves
+// between FAT sectors. Only W1 is provided.
+const Implementation& floorImplementation();
 // Null when the benchmark was built without libgsf.
 const Implementation* gsfImplementation();
 
