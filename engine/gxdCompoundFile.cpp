@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <istream>
+#include <unordered_set>
 
 gxdCompoundFile::gxdCompoundFile(std::iostream* fileStreamIn,
                                  std::iostream* tempStreamIn,
@@ -155,17 +156,16 @@ bool gxdCompoundFile::loadFat() {
       static_cast<uint64_t>(header.numDifatSectors) * idsPerDifat;
   // A FAT or DIFAT sector listed twice (a DIFAT loop among them) would read
   // the same sector again and again up to the counts: the file is corrupt.
-  std::vector<bool> listed(static_cast<size_t>(fileSectorCount_), false);
+  std::unordered_set<uint32_t> listed;
   std::vector<uint32_t> fatSectors;
   fatSectors.reserve(header.numFatSectors);
   auto take = [&](uint32_t id) -> bool {
     if (fatSectors.size() >= capacity ||
         fatSectors.size() >= fileSectorCount_ || !isSectorInFile(id) ||
-        listed[id]) {
+        !listed.insert(id).second) {
       markCorrupt();
       return false;
     }
-    listed[id] = true;
     fatSectors.push_back(id);
     return true;
   };
@@ -179,11 +179,10 @@ bool gxdCompoundFile::loadFat() {
     uint32_t d = header.firstDifatSector;
     for (uint32_t n = 0; n < header.numDifatSectors; ++n) {
       if (d == kEndOfChain) break;
-      if (!isSectorInFile(d) || listed[d]) {
+      if (!isSectorInFile(d) || !listed.insert(d).second) {
         markCorrupt();
         return false;
       }
-      listed[d] = true;
       if (!readAt(sectorOffset(d, header.sectorShift), difat.data(),
                   sectorSize))
         return false;
