@@ -170,11 +170,11 @@ bool pdHostCopy(pdHandle source, uint64_t from, pdHandle target, uint64_t to,
 #if defined(__linux__) && defined(MADV_HUGEPAGE) && !defined(GXD_HOST_SANITIZED)
 
 namespace {
-// Tables from 256 KiB on are mapped on their own, starting on a 2 MiB
+// Tables from 1 MiB on are mapped on their own, starting on a 2 MiB
 // boundary: one large page costs one page fault where 4 KiB pages cost 512.
-// A table below 2 MiB takes one whole large page; a larger one ends in 4 KiB
-// pages, so that no more than 2 MiB are taken beyond what it asked for.
-constexpr size_t kLargeTable = size_t{256} << 10;
+// A table below 2 MiB takes one whole large page (at most twice its size);
+// a larger one ends in 4 KiB pages after its last whole large page.
+constexpr size_t kLargeTable = size_t{1} << 20;
 constexpr size_t kLargePage = size_t{2} << 20;
 constexpr size_t kSmallPage = size_t{4} << 10;
 
