@@ -1,8 +1,5 @@
 #include "porting/gxdFile.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "porting/gxdHost.h"
 
 namespace {
