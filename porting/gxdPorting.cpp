@@ -103,3 +103,22 @@ bool pdUtf16ToUtf8(const std::u16string& in, std::string& out) {
   }
   return true;
 }
+
+char16_t pdFoldUpper(char16_t u) {
+  if (u < 0x80) return u >= u'a' && u <= u'z' ? u - 0x20 : u;
+  if (u >= 0xE0 && u <= 0xFE && u != 0xF7) return u - 0x20;
+  if (u == 0xFF) return 0x178;
+  if (u >= 0x100 && u <= 0x17F) {
+    // Pairs of upper then lower case, shifted by one between 0x138 and
+    // 0x148 and from 0x179 on; 0x131 (dotless i) and 0x138 (kra) stand alone.
+    bool shifted = (u >= 0x139 && u <= 0x148) || u >= 0x179;
+    if (u == 0x131 || u == 0x138 || u == 0x149 || u == 0x17F) return u;
+    bool lower = shifted ? (u % 2 == 0) : (u % 2 == 1);
+    return lower ? u - 1 : u;
+  }
+  if (u >= 0x3B1 && u <= 0x3C9 && u != 0x3C2) return u - 0x20;
+  if (u >= 0x430 && u <= 0x44F) return u - 0x20;
+  if (u >= 0x450 && u <= 0x45F) return u - 0x50;
+  if (u >= 0xFF41 && u <= 0xFF5A) return u - 0x20;
+  return u;
+}

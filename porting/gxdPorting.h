@@ -35,6 +35,12 @@ int pdCompareNoCase(const char16_t* a, size_t aLength, const char16_t* b,
                     size_t bLength);
 int pdCompareNoCase(const char16_t* a, const char16_t* b);
 
+// The upper-case form of one UTF-16 unit as the platform's name comparison
+// folds it: ASCII and Latin-1 letters, Latin Extended-A pairs, Greek and
+// Cyrillic base letters and the full-width Latin letters; every other unit
+// is its own upper case.
+char16_t pdFoldUpper(char16_t unit);
+
 // Copies a zero-terminated string of 16-bit units as the interface passes
 // them into a UTF-16 string, unit for unit.
 std::u16string pdFromUnits(const unsigned short* units);

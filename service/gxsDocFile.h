@@ -99,11 +99,28 @@ class gxsDocFile {
   void dropChain(uint32_t id);
 
   // ---- Persistence -----------------------------------------------------
-  // Writes every changed table sector and the header. Nothing is written
-  // when nothing changed.
+  // Direct mode (the default) writes every change in place. Transacted mode
+  // keeps the file's committed state intact: no sector that state uses is
+  // written, stream data goes to free sectors (copied on first write), and
+  // the tables stay in memory until commit(). Switch right after open or
+  // create, before any change.
+  void setTransacted(bool transacted);
+  bool transacted() const { return transacted_; }
+  // Direct: writes every changed table sector and the header (nothing when
+  // nothing changed). Transacted: does nothing.
   HRESULT flush();
-  // flush(), then trims free sectors at the end of the file when anything
-  // changed since it was opened.
+  // Makes every change durable. Transacted: the changed table sectors go to
+  // sectors the committed state does not use, are synced, and only then is
+  // the header (the one place that says where the state lives) written in
+  // one 512-byte write and synced; space the old state alone used is then
+  // zeroed and free sectors at the end are cut off. A failure leaves the
+  // committed state and the changes as they were, so commit can be retried.
+  HRESULT commit();
+  // Transacted: drops every change since the last commit (zeroing the
+  // sectors they used) and reloads the committed state. Direct: nothing.
+  HRESULT revert();
+  // Ends the session: direct mode flushes and cuts free sectors off the end
+  // when anything changed; transacted mode drops uncommitted changes.
   HRESULT close();
   // True once anything was changed since the file was opened or created.
   bool changed() const { return changed_; }
@@ -125,6 +142,7 @@ class gxsDocFile {
   HRESULT readBytes(uint64_t offset, void* data, size_t size);
   HRESULT writeBytes(uint64_t offset, const void* data, size_t size);
   HRESULT fail(HRESULT code);  // records damage and returns `code`
+  HRESULT checkWritable() const;
   HRESULT ioFailure(bool writing) const;
 
   // Sector tables (gxsAllocation.cpp).
@@ -137,6 +155,18 @@ class gxsDocFile {
                   std::vector<uint32_t>& out) const;
   HRESULT miniChainOf(uint32_t start, uint64_t minLength,
                       std::vector<uint32_t>& out) const;
+  bool isProtected(uint32_t sector) const {
+    return sector < protected_.size() && protected_[sector];
+  }
+  HRESULT unshare(uint32_t owner, std::vector<uint32_t>& chain, uint64_t first,
+                  uint64_t last, uint64_t keepFrom, uint64_t keepTo);
+  HRESULT unshareMini(const std::vector<uint32_t>& miniSectors);
+  HRESULT prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
+                       uint64_t size);
+  HRESULT relocateTables(bool& moved);
+  HRESULT writeTables(bool header);
+  void dropUncommitted();
+  void trimEnd();
   HRESULT allocateSector(uint32_t& sector, uint32_t mark);
   HRESULT addFatSector();
   void setFat(uint32_t sector, uint32_t value);
@@ -159,26 +189,41 @@ class gxsDocFile {
   HRESULT prepareTree(uint32_t parent);
   HRESULT collectChildren(uint32_t parent, std::vector<uint32_t>& ids) const;
   void rebuildTree(uint32_t parent, std::vector<uint32_t> ids);
+  HRESULT prepareChange(uint32_t parent);
   void insertNode(uint32_t parent, uint32_t id);
   void eraseNode(uint32_t parent, uint32_t id);
+  bool pathTo(uint32_t parent, uint32_t id, std::vector<uint32_t>& path);
+  uint32_t& linkTo(uint32_t parent, const std::vector<uint32_t>& path,
+                   size_t i);
+  void rotate(uint32_t x, bool toRight, uint32_t& link);
+  uint8_t colourOf(uint32_t id) const;
+  void paint(uint32_t id, uint8_t colour);
 
   // Stream data (gxsStreamData.cpp).
   HRESULT streamChain(uint32_t id, Chain*& chain);
+  template <typename Move>
+  HRESULT forEachRun(const Chain& chain, uint64_t offset, uint64_t size,
+                     Move move);
+  HRESULT unitOffset(const Chain& chain, uint64_t index, uint64_t& offset);
   HRESULT readChain(const Chain& chain, uint64_t offset, uint8_t* data,
-                    uint32_t size);
-  HRESULT writeChain(const Chain& chain, uint64_t offset, const uint8_t* data,
-                     uint32_t size);
-  HRESULT zeroChain(const Chain& chain, uint64_t offset, uint64_t size);
-  HRESULT resizeChain(uint32_t id, Chain& chain, uint64_t oldSize,
-                      uint64_t newSize);
+                    uint64_t size);
+  HRESULT writeChain(uint32_t owner, Chain& chain, uint64_t offset,
+                     const uint8_t* data, uint64_t size);
+  HRESULT zeroChain(uint32_t owner, Chain& chain, uint64_t offset,
+                    uint64_t size);
+  HRESULT resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd);
   HRESULT freeStreamData(uint32_t id);
 
   std::unique_ptr<pdFile> file_;
   bool writable_ = false;
   bool corrupt_ = false;
   bool changed_ = false;
+  bool transacted_ = false;
+  std::vector<uint8_t> protected_;     // sectors the committed state uses
+  std::vector<uint32_t> pendingZero_;  // freed, but the committed state's
+  uint64_t committedBytes_ = 0;        // file length at the last commit
   uint64_t fileBytes_ = 0;       // physical length of the file
-  uint64_t zeroFrom_ = 0;        // bytes at and past this read as zeros
+  uint64_t allocatedEnd_ = 0;    // the file must reach this far at flush
   gxdFileHeader header_;
   bool headerDirty_ = false;
 
