@@ -69,6 +69,9 @@ enum pdFileLock : int {
 std::unique_ptr<pdFile> pdOpenNativeFile(const char16_t* path, int mode,
                                          int lock, int& error);
 
+// An empty file held in memory, for scratch work that never reaches a disk.
+std::unique_ptr<pdFile> pdOpenMemoryFile();
+
 // Replaces `to` with `from` in one step where the host allows it.
 bool pdRenameFile(const char16_t* from, const char16_t* to);
 // Removes a file; false when it could not be removed.

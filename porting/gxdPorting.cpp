@@ -1,43 +1,10 @@
 #include "porting/gxdPorting.h"
 
-namespace {
-
-std::ios::openmode modeFlags(int mode) {
-  switch (mode) {
-    case kPdOpenRead:
-      return std::ios::in | std::ios::binary;
-    case kPdOpenCreate:
-    case kPdOpenTemp:
-      // Emptied on open, so a created file replaces an old one wholly and no
-      // stale tail survives past what the save writes.
-      return std::ios::in | std::ios::out | std::ios::trunc | std::ios::binary;
-    default:
-      return std::ios::openmode();
-  }
-}
-
-}  // namespace
-
-void pdOpenFile(const char16_t* path, int mode, std::fstream& stream) {
-  if (path == nullptr || (mode != kPdOpenRead && mode != kPdOpenCreate &&
-                          mode != kPdOpenTemp)) {
+void pdOpenFile(const char16_t* path, int mode, pdFileStream& stream) {
+  if (path == nullptr ||
+      (mode != kPdOpenRead && mode != kPdOpenCreate && mode != kPdOpenTemp) ||
+      !stream.file().open(path, mode))
     stream.setstate(std::ios::failbit);
-    return;
-  }
-  std::u16string wide(path);
-#if defined(_WIN32)
-  std::wstring native(wide.begin(), wide.end());
-  stream.open(native.c_str(), modeFlags(mode));
-#else
-  std::string native;
-  if (!pdUtf16ToUtf8(wide, native) ||
-      native.find('\0') != std::string::npos) {
-    stream.setstate(std::ios::failbit);
-    return;
-  }
-  stream.open(native, modeFlags(mode));
-#endif
-  if (!stream.is_open()) stream.setstate(std::ios::failbit);
 }
 
 void pdConvertWCHAR2String(const char16_t* source, uint64_t maxUnits,

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks: workloads W1-W6 through the library, the
-# plain-file limit and libgsf, printed as one table.
+# plain-file limit and libgsf, printed as one table per backend of the
+# library (the platform one only where the host has it).
 #
 #   scripts/bench.sh [gxStorageBench options...]
-#     e.g. --repetitions 9, --only W3,W6, --keep
+#     e.g. --repetitions 9, --only W3,W6, --impl ours,libgsf,
+#     --backend portable, --inputs ours, --keep
 #
 # Installs Google Benchmark and libgsf (with pkg-config) through apt-get when
 # they are missing, and only then. Builds in build/bench (Release).
@@ -26,4 +28,5 @@ fi
 
 cmake --preset bench >/dev/null
 cmake --build --preset bench -j "${JOBS:-2}" >/dev/null
+python=$(bash scripts/python-env.sh) && "$python" python/bench/bench.py || echo "bench: the Python bench did not run" >&2
 exec build/bench/bin/gxStorageBench "$@"

@@ -2,6 +2,8 @@
 // the in-memory FAT and MiniFAT, free entries are handed out lowest first
 // (so freed space is reused before the file grows), and freed space is
 // zeroed so that deleted data does not linger in the file.
+#include <algorithm>
+
 #include "service/gxsDocFile.h"
 
 uint64_t gxsDocFile::maxSectors() const {
@@ -14,10 +16,14 @@ uint64_t gxsDocFile::maxSectors() const {
 HRESULT gxsDocFile::chainOf(uint32_t start, uint64_t minLength,
                             std::vector<uint32_t>& out) const {
   out.clear();
+  // Every sector lies in the file or was allocated by this session: a chain
+  // that runs on past the end (where reads give zeros) would make a small
+  // file hold a large directory.
+  const uint64_t end = std::max(fileBytes_, allocatedEnd_);
   uint32_t s = start;
   while (s != kEndOfChain) {
     // A chain can hold each sector once at most: longer means a loop.
-    if (s >= fat_.size() || out.size() >= fat_.size())
+    if (s >= fat_.size() || offsetOf(s) >= end || out.size() >= fat_.size())
       return STG_E_DOCFILECORRUPT;
     out.push_back(s);
     s = fat_[s];
@@ -66,6 +72,7 @@ HRESULT gxsDocFile::addFatSector() {
         if (s >= maxSectors()) break;
         where = s;
         setFat(s, mark);
+        taken_.push_back(s);
         uint64_t end = offsetOf(s) + sectorSize();
         if (end > allocatedEnd_) allocatedEnd_ = end;
         return true;
@@ -103,6 +110,7 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
       if (s >= maxSectors()) return STG_E_MEDIUMFULL;
       sector = s;
       setFat(s, mark);
+      taken_.push_back(s);
       freeHint_ = s + 1;
       uint64_t end = offsetOf(s) + sectorSize();
       if (end > allocatedEnd_) allocatedEnd_ = end;

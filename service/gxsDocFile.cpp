@@ -1,6 +1,7 @@
 // Opening, creating and writing back one compound file of the service.
 #include "service/gxsDocFile.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -81,43 +82,61 @@ HRESULT gxsDocFile::open(std::unique_ptr<pdFile> file, bool writable,
   doc->writable_ = writable;
   HRESULT hr = doc->load();
   if (hr != S_OK) return hr;
+  if (writable) doc->setTransacted(false);
   out = std::move(doc);
   return S_OK;
 }
 
 HRESULT gxsDocFile::create(std::unique_ptr<pdFile> file,
-                           std::unique_ptr<gxsDocFile>& out) {
+                           std::unique_ptr<gxsDocFile>& out, bool transacted) {
   std::unique_ptr<gxsDocFile> doc(new gxsDocFile(std::move(file)));
-  gxsDocFile& d = *doc;
-  d.writable_ = true;
-  d.header_ = gxdFileHeader::newFileHeader();
-  d.header_.numFatSectors = 1;
-  d.header_.difat[0] = 0;
-  d.header_.firstDirectorySector = 1;
-  d.fat_.assign(d.entriesPerSector(), kFreeSect);
-  d.fat_[0] = kFatSect;
-  d.fat_[1] = kEndOfChain;
-  d.fatSectors_ = {0};
-  d.fatDirty_ = {true};
-  d.dirChain_ = {1};
-  d.dirDirty_ = {true};
-  d.entries_.assign(d.sectorSize() / kDirRecordSize, unusedRecord());
-  gxdDirRecord& root = d.entries_[kRootId];
+  doc->writable_ = true;
+  doc->initEmpty();
+  if (transacted) {
+    // Nothing reaches the file before the first commit, which then writes
+    // the whole file front to back with no table moved.
+    doc->setTransacted(true);
+  } else {
+    HRESULT hr = doc->flush();
+    if (hr != S_OK) return hr;
+    doc->setTransacted(false);
+  }
+  out = std::move(doc);
+  return S_OK;
+}
+
+// The tables of a new, empty version 3 file: the header, one FAT sector
+// (sector 0) and one directory sector (sector 1) holding the root entry.
+void gxsDocFile::initEmpty() {
+  header_ = gxdFileHeader::newFileHeader();
+  header_.numFatSectors = 1;
+  header_.difat[0] = 0;
+  header_.firstDirectorySector = 1;
+  fat_.assign(entriesPerSector(), kFreeSect);
+  fat_[0] = kFatSect;
+  fat_[1] = kEndOfChain;
+  fatSectors_ = {0};
+  fatDirty_ = {true};
+  difatSectors_.clear();
+  miniFat_.clear(), miniFatChain_.clear(), miniFatDirty_.clear();
+  dirChain_ = {1};
+  dirDirty_ = {true};
+  entries_.assign(sectorSize() / kDirRecordSize, unusedRecord());
+  gxdDirRecord& root = entries_[kRootId];
   root.setName(u"Root Entry");
   root.objectType = kObjRoot;
   root.colour = 1;
   root.startSector = kEndOfChain;
-  d.miniStream_.mini = false;
-  d.parentOf_.assign(d.entries_.size(), kNoStream);
-  d.treeState_.assign(d.entries_.size(), 0);
-  d.freeHint_ = 2;
-  d.allocatedEnd_ = d.offsetOf(1) + d.sectorSize();
-  d.headerDirty_ = true;
-  d.changed_ = true;
-  HRESULT hr = d.flush();
-  if (hr != S_OK) return hr;
-  out = std::move(doc);
-  return S_OK;
+  miniStream_ = Chain();
+  chains_.clear();
+  parentOf_.assign(entries_.size(), kNoStream);
+  treeState_.assign(entries_.size(), 0);
+  freeHint_ = 2;
+  miniFreeHint_ = 0;
+  entryFreeHint_ = 1;
+  allocatedEnd_ = offsetOf(1) + sectorSize();
+  headerDirty_ = true;
+  changed_ = true;
 }
 
 uint64_t gxsDocFile::maxStreamSize() const {
@@ -324,15 +343,43 @@ HRESULT gxsDocFile::checkTree() {
 HRESULT gxsDocFile::flush() {
   if (corrupt_) return STG_E_DOCFILECORRUPT;
   if (!writable_ || transacted_) return S_OK;
-  return writeTables(true);
+  bool dirty = headerDirty_ || difatDirty_ || allocatedEnd_ > fileBytes_;
+  for (const std::vector<bool>* d : {&dirDirty_, &miniFatDirty_, &fatDirty_})
+    dirty = dirty || std::find(d->begin(), d->end(), true) != d->end();
+  if (!dirty) return S_OK;
+  HRESULT hr = switchState(false);
+  if (hr != S_OK) return hr;
+  // The change is in the file; a failure to zero what it freed is still
+  // reported, as the disk is failing.
+  if (!zeroReleased()) hr = ioFailure(true);
+  // The sectors taken since the last switch are now the file's; those
+  // only the old state used are free to be taken again.
+  for (uint32_t s : taken_)
+    if (fat_[s] != kFreeSect) {
+      if (s >= protected_.size()) protected_.resize(s + 1, 0);
+      protected_[s] = 1;
+    }
+  for (uint32_t s : pendingZero_)
+    if (fat_[s] == kFreeSect && isProtected(s)) {
+      protected_[s] = 0;
+      if (s < freeHint_) freeHint_ = s;
+    }
+  taken_.clear();
+  pendingZero_.clear();
+  return hr;
 }
 
+// Records every sector in use as the file's state. Both modes keep that
+// state whole until a switch: a direct flush or a transacted commit.
 void gxsDocFile::setTransacted(bool transacted) {
   transacted_ = transacted;
-  protected_.assign(transacted ? fat_.size() : 0, 0);
+  // Only sectors inside the file can belong to its state.
+  protected_.assign(fat_.size(), 0);
   for (size_t s = 0; s < protected_.size(); ++s)
-    protected_[s] = fat_[s] != kFreeSect;
+    protected_[s] = fat_[s] != kFreeSect &&
+                    offsetOf(static_cast<uint32_t>(s)) < fileBytes_;
   pendingZero_.clear();
+  taken_.clear();
   committedBytes_ = fileBytes_;
   freeHint_ = 0;
 }
@@ -396,31 +443,62 @@ HRESULT gxsDocFile::relocateTables(bool& moved) {
   return S_OK;
 }
 
+// Makes the changed tables the file's state in one step: every changed
+// table sector that the state uses moves to a free sector, the tables are
+// written (and synced when `sync`), and only then is the header, the one
+// place that says where the state lives, written in one 512-byte write.
+// A failure before the header's write leaves the old state whole, and the
+// switch can be retried.
+HRESULT gxsDocFile::switchState(bool sync) {
+  HRESULT hr = S_OK;
+  for (bool moved = true; moved && hr == S_OK;) hr = relocateTables(moved);
+  if (hr == S_OK) hr = writeTables();
+  if (hr == S_OK && sync && !file_->sync(true)) hr = ioFailure(true);
+  if (hr != S_OK) return hr;
+  // The header sector of a new 4096-byte-sector file is padded with zeros;
+  // an existing file's padding is left as it is.
+  std::vector<uint8_t> head(sectorSize(), 0);
+  header_.store(head.data());
+  size_t length = fileBytes_ >= head.size() ? kHeaderSize : head.size();
+  if (!file_->writeAt(0, head.data(), length) ||
+      (sync && !file_->sync(true))) {
+    // The header may or may not have reached the disk, so the file may hold
+    // either state: until a switch succeeds, no sector of either is written
+    // in place, handed out, zeroed or cut off.
+    protected_.resize(fat_.size(), 0);
+    for (size_t s = 0; s < fat_.size(); ++s)
+      if (fat_[s] != kFreeSect) protected_[s] = 1;
+    if (committedBytes_ < fileBytes_) committedBytes_ = fileBytes_;
+    return ioFailure(true);
+  }
+  if (length > fileBytes_) fileBytes_ = length;
+  headerDirty_ = false;
+  return S_OK;
+}
+
+// Zeros the sectors only the state before the last switch used; false when
+// a write failed, which costs nothing but stale bytes in free space.
+bool gxsDocFile::zeroReleased() {
+  bool ok = true;
+  for (uint32_t s : pendingZero_)
+    if (fat_[s] == kFreeSect && offsetOf(s) < fileBytes_)
+      ok = file_->zeroRange(offsetOf(s), sectorSize()) && ok;
+  return ok;
+}
+
 HRESULT gxsDocFile::commit() {
   if (corrupt_) return STG_E_DOCFILECORRUPT;
   if (!writable_) return S_OK;
   if (!transacted_) {
-    HRESULT hr = writeTables(true);
+    HRESULT hr = flush();
     if (hr == S_OK && changed_ && !file_->sync(true)) hr = ioFailure(true);
     return hr;
   }
   if (!changed_) return S_OK;
-  HRESULT hr = S_OK;
-  for (bool moved = true; moved && hr == S_OK;) hr = relocateTables(moved);
-  if (hr == S_OK) hr = writeTables(false);
-  if (hr == S_OK && !file_->sync(true)) hr = ioFailure(true);
+  HRESULT hr = switchState(true);
   if (hr != S_OK) return hr;
-  // The switch: one write of the header's first 512 bytes.
-  uint8_t head[kHeaderSize];
-  header_.store(head);
-  if (!file_->writeAt(0, head, kHeaderSize) || !file_->sync(true))
-    return ioFailure(true);
-  headerDirty_ = false;
-  // The old state is gone: zero what only it used, then cut the free end.
-  // Failures here cost nothing but stale bytes in free space.
-  for (uint32_t s : pendingZero_)
-    if (fat_[s] == kFreeSect && offsetOf(s) < fileBytes_)
-      file_->zeroRange(offsetOf(s), sectorSize());
+  // The commit is durable; zeroing and trimming may fail unseen.
+  zeroReleased();
   trimEnd();
   changed_ = false;
   setTransacted(true);
@@ -443,8 +521,20 @@ void gxsDocFile::dropUncommitted() {
 HRESULT gxsDocFile::revert() {
   if (!transacted_ || !changed_ || corrupt_) return S_OK;
   dropUncommitted();
+  if (committedBytes_ == 0) {
+    // Created and never committed: back to the empty tree.
+    initEmpty();
+    changed_ = false;
+    setTransacted(true);
+    return S_OK;
+  }
   HRESULT hr = load();
-  if (hr != S_OK) return fail(hr);
+  if (hr != S_OK) {
+    // No tables to work on any more: nothing is written from here on.
+    corrupt_ = true;
+    entries_.assign(1, unusedRecord());
+    return STG_E_DOCFILECORRUPT;
+  }
   changed_ = false;
   setTransacted(true);
   return S_OK;
@@ -462,9 +552,8 @@ void gxsDocFile::trimEnd() {
   if (end < fileBytes_ && file_->truncate(end)) fileBytes_ = end;
 }
 
-// Writes every changed table sector where it lies, then, when `header`,
-// the header.
-HRESULT gxsDocFile::writeTables(bool header) {
+// Writes every changed table sector where it lies.
+HRESULT gxsDocFile::writeTables() {
   const uint32_t ss = sectorSize();
   const uint32_t eps = entriesPerSector();
   std::vector<uint8_t> sector(ss);
@@ -514,21 +603,20 @@ HRESULT gxsDocFile::writeTables(bool header) {
     }
     difatDirty_ = false;
   }
-  if (header && headerDirty_) {
-    std::vector<uint8_t> head(ss, 0);
-    header_.store(head.data());
-    // The header sector of a 4096-byte-sector file is padded with zeros; an
-    // existing file's padding is left as it is.
-    size_t length = fileBytes_ >= ss ? kHeaderSize : ss;
-    if ((hr = writeBytes(0, head.data(), length)) != S_OK) return hr;
-    headerDirty_ = false;
-  }
   return S_OK;
 }
 
 HRESULT gxsDocFile::close() {
   if (transacted_) {
     if (writable_ && changed_ && !corrupt_) dropUncommitted();
+    // A file created transacted and never committed still ends up a valid,
+    // empty compound file.
+    if (writable_ && committedBytes_ == 0 && !corrupt_) {
+      initEmpty();
+      transacted_ = false;
+      protected_.clear();
+      return flush();
+    }
     return S_OK;
   }
   HRESULT hr = flush();

@@ -3,9 +3,9 @@
 // reads and writes stream data in place, allocates and frees sectors and
 // mini sectors (reusing freed ones before the file grows, zeroing what is
 // freed), keeps each storage's children in a red-black tree ordered as the
-// platform orders them, and writes the changed table sectors back on
-// flush(). Directory entries are named by their index ("id"); id 0 is the
-// root entry.
+// platform orders them, and writes changed tables on flush() or commit()
+// to free sectors before the header switches to them. Directory entries
+// are named by their index ("id"); id 0 is the root entry.
 //
 // Every operation checks what it reads from the file: a damaged table, chain
 // or entry makes the call fail with STG_E_DOCFILECORRUPT and marks the file
@@ -39,8 +39,11 @@ class gxsDocFile {
                       std::unique_ptr<gxsDocFile>& out);
   // Writes a new, empty version 3 file (header, one FAT sector, one
   // directory sector holding the root entry) over `file`, which is empty.
+  // With `transacted`, nothing is written before the first commit (a
+  // release without one leaves the empty file).
   static HRESULT create(std::unique_ptr<pdFile> file,
-                        std::unique_ptr<gxsDocFile>& out);
+                        std::unique_ptr<gxsDocFile>& out,
+                        bool transacted = false);
 
   bool writable() const { return writable_; }
   bool corrupt() const { return corrupt_; }
@@ -99,15 +102,22 @@ class gxsDocFile {
   void dropChain(uint32_t id);
 
   // ---- Persistence -----------------------------------------------------
-  // Direct mode (the default) writes every change in place. Transacted mode
-  // keeps the file's committed state intact: no sector that state uses is
-  // written, stream data goes to free sectors (copied on first write), and
-  // the tables stay in memory until commit(). Switch right after open or
-  // create, before any change.
+  // Direct mode (the default) writes stream data in place and the tables on
+  // flush(). Transacted mode keeps the file's committed state intact: no
+  // sector that state uses is written, stream data goes to free sectors
+  // (copied on first write), and the tables stay in memory until commit().
+  // In both modes sectors freed since the last flush or commit are not
+  // handed out again before it. Switch right after open or create, before
+  // any change.
   void setTransacted(bool transacted);
   bool transacted() const { return transacted_; }
-  // Direct: writes every changed table sector and the header (nothing when
-  // nothing changed). Transacted: does nothing.
+  // Direct: makes the changes so far the file's state in one step, as
+  // commit() does in transacted mode but without syncing: the changed table
+  // sectors go to sectors the file's state does not use, and then the
+  // header switches to them. Whichever write is the last to reach the disk,
+  // the file holds the old tables or the new ones (stream data written in
+  // place is not part of that guarantee). Nothing is written when no table
+  // changed. Transacted: does nothing.
   HRESULT flush();
   // Makes every change durable. Transacted: the changed table sectors go to
   // sectors the committed state does not use, are synced, and only then is
@@ -135,6 +145,7 @@ class gxsDocFile {
 
   // Loading (gxsDocFile.cpp).
   HRESULT load();
+  void initEmpty();
   HRESULT loadFat();
   HRESULT loadDirectory();
   HRESULT loadMiniFat();
@@ -164,7 +175,9 @@ class gxsDocFile {
   HRESULT prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
                        uint64_t size);
   HRESULT relocateTables(bool& moved);
-  HRESULT writeTables(bool header);
+  HRESULT writeTables();
+  HRESULT switchState(bool sync);
+  bool zeroReleased();
   void dropUncommitted();
   void trimEnd();
   HRESULT allocateSector(uint32_t& sector, uint32_t mark);
@@ -219,8 +232,9 @@ class gxsDocFile {
   bool corrupt_ = false;
   bool changed_ = false;
   bool transacted_ = false;
-  std::vector<uint8_t> protected_;     // sectors the committed state uses
+  std::vector<uint8_t> protected_;     // sectors the file's state uses
   std::vector<uint32_t> pendingZero_;  // freed, but the committed state's
+  std::vector<uint32_t> taken_;        // sectors taken since the last switch
   uint64_t committedBytes_ = 0;        // file length at the last commit
   uint64_t fileBytes_ = 0;       // physical length of the file
   uint64_t allocatedEnd_ = 0;    // the file must reach this far at flush

@@ -182,7 +182,8 @@ HRESULT gxsStgCreateDocfile(const OLECHAR* name, DWORD mode, DWORD reserved,
   }
   if (!file) return fromFileError(error, true);
   std::unique_ptr<gxsDocFile> doc;
-  if ((hr = gxsDocFile::create(std::move(file), doc)) != S_OK) {
+  if ((hr = gxsDocFile::create(std::move(file), doc,
+                               (mode & STGM_TRANSACTED) != 0)) != S_OK) {
     // A file this call brought into being is not left behind half made.
     if (name == nullptr || (mode & STGM_CREATE) == 0)
       pdRemoveFile(path.c_str());
@@ -227,7 +228,9 @@ HRESULT gxsStgCreateOnFile(std::unique_ptr<pdFile> file, DWORD mode,
   if (!file) return STG_E_INVALIDPOINTER;
   HRESULT hr = checkRootMode(mode & ~STGM_DELETEONRELEASE, true);
   std::unique_ptr<gxsDocFile> doc;
-  if (hr == S_OK) hr = gxsDocFile::create(std::move(file), doc);
+  if (hr == S_OK)
+    hr = gxsDocFile::create(std::move(file), doc,
+                            (mode & STGM_TRANSACTED) != 0);
   if (hr != S_OK) return hr;
   return makeRoot(std::move(doc), u"", mode & ~STGM_DELETEONRELEASE, storage);
 }

@@ -37,15 +37,19 @@ HRESULT storageFlags(DWORD mode, bool create) {
   return S_OK;
 }
 
-// ...and after: sharing other than exclusive is not offered below the root,
-// nor are transactions of their own (the root's transaction covers the
-// whole file).
+// ...and after: sharing other than exclusive is not offered below the root.
 HRESULT storageSharing(DWORD mode) {
   if ((mode & kShareBits) != STGM_SHARE_EXCLUSIVE ||
       (mode & (STGM_PRIORITY | STGM_DELETEONRELEASE)) != 0)
     return STG_E_INVALIDFUNCTION;
-  if (mode & STGM_TRANSACTED) return STG_E_UNIMPLEMENTEDFUNCTION;
   return S_OK;
+}
+
+// The mode of the object that keeps a transacted copy's element open: it
+// reads the element, and writes it when the copy may commit.
+DWORD anchorMode(DWORD mode) {
+  return (gxsCanWrite(mode) ? STGM_READWRITE : STGM_READ) |
+         STGM_SHARE_EXCLUSIVE;
 }
 
 // Answered by QueryInterface with the object itself, so that CopyTo and
@@ -70,6 +74,37 @@ gxsStorage::~gxsStorage() {
   gxsContext* context = node_.context;
   if (node_.id == gxsDocFile::kRootId) context->closeFile();
   context->delist(&node_);
+  if (anchor_ != nullptr) anchor_->Release();
+}
+
+HRESULT gxsStorage::makeTransacted(gxsStorage* anchor, DWORD mode,
+                                   IStorage** out) {
+  std::unique_ptr<gxsDocFile> scratch;
+  HRESULT hr = gxsDocFile::create(pdOpenMemoryFile(), scratch);
+  if (hr != S_OK) {
+    anchor->Release();
+    return hr;
+  }
+  auto* context = new gxsContext(std::move(scratch), u"", u"");
+  auto* copy = new gxsStorage(context, nullptr, gxsDocFile::kRootId,
+                              (mode & ~STGM_TRANSACTED) | STGM_READWRITE);
+  copy->anchor_ = anchor;
+  hr = anchor->CopyTo(0, nullptr, nullptr, copy);
+  copy->mode_ = mode & ~STGM_CREATE;
+  if (hr != S_OK) {
+    copy->Release();
+    return hr;
+  }
+  *out = copy;
+  return S_OK;
+}
+
+HRESULT gxsStorage::removeAll() {
+  std::vector<uint32_t> ids;
+  HRESULT hr = doc().children(node_.id, ids);
+  for (size_t i = 0; hr == S_OK && i < ids.size(); ++i)
+    hr = removeChild(ids[i]);
+  return hr;
 }
 
 HRESULT gxsStorage::QueryInterface(REFIID riid, void** object) {
@@ -147,7 +182,7 @@ HRESULT gxsStorage::CreateStream(const OLECHAR* name, DWORD mode,
   if (hr == S_OK) hr = streamMode(mode);
   // A reverted object is refused after flags that are not valid at all and
   // before those that are not offered, as the platform does.
-  if ((hr == S_OK || hr == STG_E_INVALIDFUNCTION) && node_.reverted)
+  if ((hr == S_OK || hr == STG_E_INVALIDFUNCTION) && gone())
     hr = STG_E_REVERTED;
   if (hr == S_OK && (reserved1 != 0 || reserved2 != 0))
     hr = STG_E_INVALIDPARAMETER;
@@ -164,7 +199,7 @@ HRESULT gxsStorage::OpenStream(const OLECHAR* name, void*, DWORD mode, DWORD,
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
   if (hr == S_OK) hr = streamMode(mode);
-  if (hr == S_OK && node_.reverted) hr = STG_E_REVERTED;
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   if (hr == S_OK) hr = checkChildAccess(mode);
   if (hr == S_OK) hr = doc().find(node_.id, n, id);
   if (hr == S_OK && doc().entry(id).objectType != kObjStream)
@@ -182,10 +217,15 @@ HRESULT gxsStorage::CreateStorage(const OLECHAR* name, DWORD mode, DWORD, DWORD,
   uint32_t id = 0;
   HRESULT hr = gxsReadNewName(name, n);
   if (hr == S_OK) hr = storageFlags(mode, true);
-  if (hr == S_OK && node_.reverted) hr = STG_E_REVERTED;
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   if (hr == S_OK) hr = addChild(n, kObjStorage, mode, storageSharing(mode), id);
-  if (hr == S_OK) *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return hr;
+  if (hr != S_OK) return hr;
+  if (mode & STGM_TRANSACTED)
+    return makeTransacted(
+        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
+        storage);
+  *storage = new gxsStorage(node_.context, &node_, id, mode);
+  return S_OK;
 }
 
 HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
@@ -199,7 +239,7 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
   // An open refuses the sharing before it looks the name up, as the
   // platform does (a create does after, when the name was free).
   if (hr == S_OK) hr = storageSharing(mode);
-  if (hr == S_OK && node_.reverted) hr = STG_E_REVERTED;
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   // Opening with elements left out (emptied) is not offered.
   if (hr == S_OK && exclude != nullptr) hr = STG_E_INVALIDPARAMETER;
   if (hr == S_OK) hr = checkChildAccess(mode);
@@ -207,15 +247,27 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
   if (hr == S_OK && doc().entry(id).objectType != kObjStorage)
     hr = STG_E_FILENOTFOUND;
   if (hr == S_OK && node_.context->isOpen(id)) hr = STG_E_ACCESSDENIED;
-  if (hr == S_OK) *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return hr;
+  if (hr != S_OK) return hr;
+  if (mode & STGM_TRANSACTED)
+    return makeTransacted(
+        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
+        storage);
+  *storage = new gxsStorage(node_.context, &node_, id, mode);
+  return S_OK;
 }
 
 // A transacted root commits the file's transaction. Every other storage is
 // direct: its changes are in the file already (or, below a transacted root,
 // in the root's transaction), so there is only the tables to write.
 HRESULT gxsStorage::Commit(DWORD) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
+  if (anchor_ != nullptr) {
+    // A transacted copy: the element gets exactly the copy's tree.
+    if (!gxsCanWrite(mode_)) return S_OK;
+    HRESULT hr = anchor_->removeAll();
+    if (hr == S_OK) hr = CopyTo(0, nullptr, nullptr, anchor_);
+    return anchor_->node_.context->finish(hr);
+  }
   if (node_.id == gxsDocFile::kRootId && doc().transacted())
     return doc().commit();
   return node_.context->finish(S_OK);
@@ -225,6 +277,17 @@ HRESULT gxsStorage::Commit(DWORD) {
 // opened below it may be gone with them, so all of it is reverted. Direct
 // storages have nothing to undo.
 HRESULT gxsStorage::Revert() {
+  if (anchor_ != nullptr) {
+    // A transacted copy: copy the element afresh.
+    if (gone()) return STG_E_REVERTED;
+    node_.context->revertBelow(&node_);
+    const DWORD mode = mode_;
+    mode_ |= STGM_READWRITE;
+    HRESULT hr = removeAll();
+    if (hr == S_OK) hr = anchor_->CopyTo(0, nullptr, nullptr, this);
+    mode_ = mode;
+    return hr;
+  }
   if (node_.reverted || node_.id != gxsDocFile::kRootId || !doc().transacted())
     return S_OK;
   node_.context->revertBelow(&node_);
@@ -239,13 +302,13 @@ HRESULT gxsStorage::EnumElements(DWORD, void*, DWORD,
                                  IEnumSTATSTG** enumerator) {
   if (enumerator == nullptr) return E_INVALIDARG;
   *enumerator = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   return gxsEnum::create(node_.context, &node_, enumerator);
 }
 
 HRESULT gxsStorage::DestroyElement(const OLECHAR* name) {
   if (name == nullptr) return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
@@ -258,7 +321,7 @@ HRESULT gxsStorage::DestroyElement(const OLECHAR* name) {
 HRESULT gxsStorage::RenameElement(const OLECHAR* oldName,
                                   const OLECHAR* newName) {
   if (oldName == nullptr || newName == nullptr) return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   std::u16string from, to;
   uint32_t id = 0, other = 0;
   HRESULT hr = gxsReadName(oldName, from);
@@ -279,7 +342,7 @@ HRESULT gxsStorage::RenameElement(const OLECHAR* oldName,
 HRESULT gxsStorage::SetElementTimes(const OLECHAR* name,
                                     const FILETIME* created, const FILETIME*,
                                     const FILETIME* modified) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   // No name: the times of this storage itself.
   uint32_t id = node_.id;
@@ -296,7 +359,7 @@ HRESULT gxsStorage::SetElementTimes(const OLECHAR* name,
 }
 
 HRESULT gxsStorage::SetClass(REFCLSID clsid) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   uint8_t bytes[16];
   gxsClsidToBytes(clsid, bytes);
@@ -304,18 +367,21 @@ HRESULT gxsStorage::SetClass(REFCLSID clsid) {
 }
 
 HRESULT gxsStorage::SetStateBits(DWORD bits, DWORD mask) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   return node_.context->finish(doc().setEntryStateBits(node_.id, bits, mask));
 }
 
 HRESULT gxsStorage::Stat(STATSTG* info, DWORD flag) {
   if (info == nullptr) return E_INVALIDARG;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   const gxdDirRecord& entry = doc().entry(node_.id);
-  // The root is named by the file's path, every other storage by its entry.
+  // The root is named by the file's path, every other storage by its entry
+  // (a transacted copy's by its element's).
   std::u16string name =
-      node_.id == gxsDocFile::kRootId ? node_.context->path() : entry.name();
+      anchor_ != nullptr ? anchor_->doc().entry(anchor_->node_.id).name()
+      : node_.id == gxsDocFile::kRootId ? node_.context->path()
+                                        : entry.name();
   return gxsFillStat(entry, (flag & STATFLAG_NONAME) ? nullptr : &name, mode_,
                      *info);
 }

@@ -2,6 +2,12 @@
 // open. Changes go to the file at once (direct mode): every changing call
 // ends with the file's tables written back, and the root's final Release
 // closes the file.
+//
+// A storage opened or created with STGM_TRANSACTED below the root works on
+// a copy: the element's tree is copied into a scratch file in memory, whose
+// root this object is, and the object keeps the real element open (its
+// anchor). Commit replaces the element's contents with the copy's, Revert
+// copies the element again, and Release without Commit drops the copy.
 #ifndef GXSTORAGE_SERVICE_GXSSTORAGE_H_
 #define GXSTORAGE_SERVICE_GXSSTORAGE_H_
 
@@ -75,6 +81,17 @@ class gxsStorage final : public IStorage {
   // Removes child `id` with everything below it, reverting what was open
   // on it.
   HRESULT removeChild(uint32_t id);
+  // True once this object (or, for a transacted copy, its anchor) answers
+  // STG_E_REVERTED.
+  bool gone() const {
+    return node_.reverted || (anchor_ != nullptr && anchor_->node_.reverted);
+  }
+  // Hands out in `out` a transacted copy of the element `anchor` is open
+  // on (the copy takes `anchor` over).
+  static HRESULT makeTransacted(gxsStorage* anchor, DWORD mode,
+                                IStorage** out);
+  // Empties this storage's element of every child.
+  HRESULT removeAll();
 
   // Copying (gxsStorageCopy.cpp). Copies the children of storage `from`
   // into `target`, merging into storages of the same names and replacing
@@ -92,6 +109,7 @@ class gxsStorage final : public IStorage {
   gxsNode node_;
   DWORD mode_;
   ULONG refs_ = 1;
+  gxsStorage* anchor_ = nullptr;  // the real element of a transacted copy
 };
 
 #endif  // GXSTORAGE_SERVICE_GXSSTORAGE_H_

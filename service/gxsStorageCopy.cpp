@@ -147,7 +147,7 @@ HRESULT gxsStorage::CopyTo(DWORD excludeCount, const IID* exclude,
                            SNB excludeNames, IStorage* target) {
   if (target == nullptr || (excludeCount != 0 && exclude == nullptr))
     return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (!gxsCanRead(mode_)) return STG_E_ACCESSDENIED;
   bool streams = true, storages = true;
   for (DWORD i = 0; i < excludeCount; ++i) {
@@ -169,7 +169,7 @@ HRESULT gxsStorage::MoveElementTo(const OLECHAR* name, IStorage* target,
                                   const OLECHAR* newName, DWORD flags) {
   if (name == nullptr || target == nullptr || newName == nullptr)
     return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gone()) return STG_E_REVERTED;
   if (flags != STGMOVE_MOVE && flags != STGMOVE_COPY) return STG_E_INVALIDFLAG;
   const bool move = flags == STGMOVE_MOVE;
   std::u16string from, to;

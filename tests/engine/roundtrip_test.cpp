@@ -8,10 +8,12 @@
 #include <fstream>
 #include <random>
 #include <set>
+#include <sstream>
 
 #include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 #include "support/gxRoundTrip.h"
+#include "support/gxTestFileBuilder.h"
 
 namespace {
 
@@ -69,7 +71,8 @@ gxRtTree writePlan(const std::u16string& file, const std::vector<Element>& plan,
   for (const Element& e : plan) {
     tree[e.path] = {e.storage, e.data};
     const size_t slash = e.path.rfind(u'/');
-    gxdIStorage* parent = storages[slash == e.path.npos ? u"" : e.path.substr(0, slash)];
+    gxdIStorage* parent =
+        storages[slash == e.path.npos ? u"" : e.path.substr(0, slash)];
     const std::u16string name = e.path.substr(slash + 1);  // npos + 1 == 0
     gxdIStream* s = nullptr;
     EXPECT_EQ(e.storage ? parent->createStorage(name.c_str(), &storages[e.path])
@@ -213,7 +216,8 @@ std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
                             {u"S/large", false, std::string(5000, 'L')}};
   for (size_t i = 0; i < plan[0].data.size(); ++i)
     plan[0].data[i] = static_cast<char>(i % 251);
-  files.emplace_back(dir + u"/difat.gxw", writePlan(dir + u"/difat.gxw", plan, 99));
+  files.emplace_back(dir + u"/difat.gxw",
+                     writePlan(dir + u"/difat.gxw", plan, 99));
   return files;
 }
 
@@ -235,9 +239,18 @@ TEST(RoundTripTest, RandomTreesReadBackByOurLoaderAndOlefile) {
   const fs::path dir = fs::temp_directory_path() /
                        ("gx-rt-" + std::to_string(std::random_device{}()));
   fs::create_directories(dir);
+  // The files are pinned whole, byte for byte, by their digests.
+  const uint64_t digests[] = {0xa1177f3852d0a187, 0x9ba9255e4e30d889,
+                              0xf7fa70af7ce4e530, 0x1c947b26adca6bd7,
+                              0x5a9116ee638b71af, 0x03f937b5b7ea1707,
+                              0x2fe5b96b4a1f5cda};
+  size_t index = 0;
   for (const auto& [file, tree] : gxWriteRoundTripFiles(dir.u16string())) {
     const std::string name = fs::path(file).filename().string();
     SCOPED_TRACE(name);
+    std::ostringstream bytes;
+    bytes << std::ifstream(fs::path(file), std::ios::binary).rdbuf();
+    EXPECT_EQ(gxDigest(bytes.str()), digests[index++]);
     gxExpectSameTree(gxReadOurs(file), tree);
 #ifndef _WIN32
     gxExpectOlefileReads(file, tree);

@@ -34,7 +34,7 @@ struct Doc {
   gxdCompoundFile cf{&out, &temp, false};
   std::deque<gxdStorageEntry> storages;
   std::deque<gxdDirEntry> streams;
-  std::deque<std::vector<uint32_t>> lists;
+  std::deque<pdTable> lists;
   Doc() { record(1, nullptr, &cf.rootEntry, true); }
   void record(uint8_t kind, void* a, void* b, bool root = false) {
     gxdChangeRecord r;
@@ -49,8 +49,8 @@ struct Doc {
   }
   // A stream under `parent` (the root by default); its blocks are appended
   // to the returned list.
-  std::vector<uint32_t>& entry(const std::u16string& name, uint64_t size,
-                               gxdStorageEntry* parent = nullptr) {
+  pdTable& entry(const std::u16string& name, uint64_t size,
+                 gxdStorageEntry* parent = nullptr) {
     streams.emplace_back();
     streams.back().name = name, streams.back().size = size;
     record(2, parent ? parent : &cf.rootEntry, &streams.back());
@@ -62,7 +62,7 @@ struct Doc {
   // streams cost one block of memory.
   void stream(const std::u16string& name, uint64_t size,
               bool oneBlock = false) {
-    std::vector<uint32_t>& list = entry(name, size);
+    pdTable& list = entry(name, size);
     uint8_t block[512];
     for (uint64_t off = 0; off < size; off += 512) {
       for (int i = 0; i < 512; ++i) block[i] = patternByte(off + i);
@@ -82,10 +82,10 @@ struct FaultDoc : Doc {
   FaultDoc() {
     gxdStorageEntry* s = storage(u"S");
     const uint32_t sizes[4] = {100, 3000, 150 * 512 + 7, 4095};
-    std::vector<uint32_t>* l[4];
+    pdTable* l[4];
     for (int i = 0; i < 4; ++i)
       l[i] = &entry(std::u16string(1, char16_t(u'a' + i)), sizes[i],
-                        i == 1 ? s : nullptr);
+                    i == 1 ? s : nullptr);
     uint8_t block[512];
     for (uint32_t b = 0, done = 0; done < 4; ++b) {
       done = 0;
@@ -150,9 +150,9 @@ TEST(SaveTest, EmptyFileAndStreamsInMiniStreamOrSectors) {
                     std::string(0x4C - 8, '\0') +
                     std::string(512 - 0x4C, '\xFF');
     const uint32_t fields[][3] = {
-        {0x18, 0x3E, 2}, {0x1A, 3, 2},      {0x1C, 0xFFFE, 2}, {0x1E, 9, 2},
-        {0x20, 6, 2},    {0x2C, 1, 4},      {0x30, 1, 4},      {0x38, 0x1000, 4},
-        {0x3C, EOC, 4},  {0x44, EOC, 4},    {0x4C, 0, 4}};
+        {0x18, 0x3E, 2}, {0x1A, 3, 2},   {0x1C, 0xFFFE, 2}, {0x1E, 9, 2},
+        {0x20, 6, 2},    {0x2C, 1, 4},   {0x30, 1, 4},      {0x38, 0x1000, 4},
+        {0x3C, EOC, 4},  {0x44, EOC, 4}, {0x4C, 0, 4}};
     for (const auto& x : fields) gxPutU32(h, x[0], x[1], int(x[2]));
     EXPECT_EQ(f.substr(0, 512), h);
     std::string fat(512, '\xFF');
@@ -183,7 +183,8 @@ TEST(SaveTest, EmptyFileAndStreamsInMiniStreamOrSectors) {
     d.stream(u"A", 5000);
     const std::string& f = d.save();
     ASSERT_EQ(f.size(), 6656u);
-    for (uint32_t s = 2; s < 12; ++s) EXPECT_EQ(fatAt(f, s), s < 11 ? s + 1 : EOC);
+    for (uint32_t s = 2; s < 12; ++s)
+      EXPECT_EQ(fatAt(f, s), s < 11 ? s + 1 : EOC);
     EXPECT_EQ(dirEntry(f, 0), rec(u"Root Entry", 5, NS, NS, 1, EOC, 0));
     EXPECT_EQ(dirEntry(f, 1), rec(u"A", 2, NS, NS, NS, 2, 5000));
     EXPECT_TRUE(u32(f, 0x3C) == EOC && u32(f, 0x40) == 0);
@@ -274,11 +275,68 @@ TEST(SaveTest, MiniFatFatAndDifatGrowAtTheirLimits) {
     }
     EXPECT_EQ(u32(f, at(d2) + 127 * 4), EOC);
     EXPECT_TRUE(readChain(f, 2, size) == pattern(size, 512));
+    EXPECT_EQ(gxDigest(f), 0xc837e0c0416fb55aull);
     gxFaultStream in(f);
     gxdCompoundFile back(&in, nullptr, true);
     EXPECT_TRUE(in.good());
     EXPECT_EQ(back.fat, d.cf.fat);
   }
+}
+
+// A file of many elements, pinned whole by its digest: the order of its
+// sectors, its tables, its directory records and the bytes past each
+// stream's end must not move. Streams are created under random parents and
+// written in turns, a few blocks at a time, so that their blocks interleave
+// in the temporary file and their first writes come in another order than
+// their creations.
+TEST(SaveTest, ManyInterleavedElementsKeepTheirBytes) {
+  Doc d;
+  std::mt19937 rng(14);
+  std::vector<gxdStorageEntry*> parents{&d.cf.rootEntry};
+  struct Pending {
+    gxdDirEntry* entry;
+    pdTable* blocks;
+  };
+  std::vector<Pending> pending;
+  for (int i = 0; i < 1600; ++i) {
+    std::u16string name(1 + rng() % 12, u'x');
+    for (char16_t& c : name) c = char16_t(u'A' + rng() % 40);
+    gxdStorageEntry* parent = parents[rng() % parents.size()];
+    if (rng() % 16 == 0) {
+      d.storages.emplace_back();
+      d.storages.back().name = name;
+      d.record(1, parent, &d.storages.back());
+      parents.push_back(&d.storages.back());
+      continue;
+    }
+    d.streams.emplace_back();
+    gxdDirEntry& e = d.streams.back();
+    e.name = name;
+    const uint32_t kind = rng() % 10;
+    e.size = kind == 0 ? 0 : kind < 8 ? 1 + rng() % 4095 : 4096 + rng() % 9000;
+    d.record(2, parent, &e);
+    d.lists.emplace_back();
+    if (e.size != 0) pending.push_back({&e, &d.lists.back()});
+  }
+  uint8_t block[512];
+  while (!pending.empty()) {
+    const size_t k = rng() % pending.size();
+    Pending& p = pending[k];
+    for (uint32_t n = 1 + rng() % 4; n > 0; --n) {
+      if (p.blocks->empty()) d.record(3, p.entry, p.blocks);
+      for (int j = 0; j < 512; ++j) block[j] = uint8_t(rng());
+      p.blocks->push_back(d.cf.writeTempBlock(block));
+      if (p.blocks->size() * 512 >= p.entry->size) break;
+    }
+    if (p.blocks->size() * 512 >= p.entry->size) {
+      pending[k] = pending.back();
+      pending.pop_back();
+    }
+  }
+  const std::string& f = d.save();
+  EXPECT_TRUE(d.out.good());
+  EXPECT_EQ(f.size(), 10363u * 512);
+  EXPECT_EQ(gxDigest(f), 0xe03b44aaed513e86ull);
 }
 
 TEST(SaveTest, SecondCommitLeavesFileUnchanged) {
@@ -342,7 +400,8 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
     if (i == 1) d.out.buf().refuseWrites = true;
     if (i == 2) d.temp.buf().data().resize(100 * 512 + 3);  // cut short
     if (i >= 3) d.lists[i == 3 ? 0 : 2].pop_back();  // last block never written
-    failsWithin(d, "refused seeks, writes, short temporary file, lost block", i);
+    failsWithin(d, "refused seeks, writes, short temporary file, lost block",
+                i);
   }
   {
     SCOPED_TRACE("temporary file delivering a few bytes per read");

@@ -3,12 +3,15 @@
 // that fails mid-read.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <random>
 
 #include "portable/gxdStorage.h"
 #include "portable/gxdStream.h"
 #include "support/gxFaultStream.h"
+#include "support/gxTestFileBuilder.h"
 
 namespace {
 
@@ -140,13 +143,13 @@ TEST(PortableStream, WriteBufferRecordsAndLimits) {
   EXPECT_EQ(a->write(data.data(), 512, &written), GX_S_OK);
   EXPECT_TRUE(written == 512 && a->tempBlocks.empty() && a->bufferFill == 512);
   EXPECT_EQ(a->write(data.data() + 512, 1, &written), GX_S_OK);
-  EXPECT_EQ(a->tempBlocks, std::vector<uint32_t>{0});
+  EXPECT_EQ(a->tempBlocks, pdTable{0});
   EXPECT_EQ(a->bufferFill, 1u);
   SCOPED_TRACE("flush after 700 bytes; one kind 3 record per stream");
   b->write(data.data(), 300, nullptr);
   b->write(data.data() + 300, 400, nullptr);
   b->flush();
-  EXPECT_EQ(b->tempBlocks, (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(b->tempBlocks, (pdTable{1, 2}));
   EXPECT_TRUE(b->bufferFill == 0 && b->entry.size == 700);
   EXPECT_TRUE(kind3(a) == 1 && kind3(b) == 1);
   SCOPED_TRACE("writes that would pass 4 GiB or the temporary file's limit");
@@ -227,12 +230,87 @@ TEST(PortableStream, DamagedChainsAndFailingFileFailCleanly) {
       const std::vector<uint8_t> want = pattern(i, kStreams[i].second);
       const std::string got = readAll(s);
       ASSERT_LE(got.size(), want.size());
-      EXPECT_TRUE(std::equal(got.begin(), got.end(), want.begin(),
-                             [](char c, uint8_t u) { return uint8_t(c) == u; }));
+      EXPECT_TRUE(
+          std::equal(got.begin(), got.end(), want.begin(),
+                     [](char c, uint8_t u) { return uint8_t(c) == u; }));
       s->release();
     }
     root->release();
   }
+}
+
+// Chains whose units jump around the file in runs of random lengths, read
+// at seeded random positions and lengths and then front to back in random
+// chunks: every read delivers exactly the stream's bytes there, whatever run
+// of the stream's cached chain it lands in.
+TEST(PortableStream, ScatteredChainsReadAtRandomPositions) {
+  std::mt19937 rng(27);
+  std::string big(300 * 512 - 17, '\0'), small(4000, '\0');
+  for (char& c : big) c = static_cast<char>(rng());
+  for (char& c : small) c = static_cast<char>(rng());
+  gxTestFileBuilder b;
+  const uint32_t bigEntry = b.addStream(0, u"big", big);
+  const uint32_t smallEntry = b.addStream(0, u"small", small);
+  std::string f = b.build();
+  // Places unit i of `data` (`unitSize` bytes each) in unit order[i] of the
+  // `count` units from `first`, and links the chain in that order.
+  auto scramble = [&](uint32_t first, uint32_t count, uint32_t unitSize,
+                      const std::string& data, uint64_t unitsAt,
+                      uint64_t linksAt, uint32_t entry) {
+    std::vector<std::vector<uint32_t>> runs;
+    for (uint32_t u = 0; u < count;) {
+      runs.emplace_back();
+      for (uint32_t n = 1 + rng() % 12; n > 0 && u < count; --n, ++u)
+        runs.back().push_back(first + u);
+    }
+    std::shuffle(runs.begin(), runs.end(), rng);
+    std::vector<uint32_t> order;
+    for (const auto& run : runs)
+      order.insert(order.end(), run.begin(), run.end());
+    for (uint32_t i = 0; i < count; ++i) {
+      const std::string unit = data.substr(size_t{i} * unitSize, unitSize);
+      f.replace(unitsAt + uint64_t{order[i]} * unitSize, unit.size(), unit);
+      gxPutU32(f, linksAt + 4 * uint64_t{order[i]},
+               i + 1 < count ? order[i + 1] : gxTestFileBuilder::kEnd);
+    }
+    gxPutU32(f, b.entryOffset(entry) + 116, order[0]);
+  };
+  scramble(b.entries[bigEntry].startSector, 300, 512, big, b.sectorOffset(0),
+           b.fatEntryOffset(0), bigEntry);
+  scramble(b.entries[smallEntry].startSector, 63, 64, small,
+           b.sectorOffset(b.miniStreamSectors[0]),
+           b.sectorOffset(b.miniFatSectors[0]), smallEntry);
+  std::ofstream("stream_test_scattered.gxw", std::ios::binary) << f;
+  gxdIStorage* root = nullptr;
+  ASSERT_EQ(gxdStgOpenStorage(u"stream_test_scattered.gxw", 0, &root), GX_S_OK);
+  for (const auto& [name, data] :
+       {std::make_pair(u"big", &big), std::make_pair(u"small", &small)}) {
+    SCOPED_TRACE(data == &big ? "large stream" : "small stream");
+    gxdStream* s = openStream(root, name);
+    ASSERT_NE(s, nullptr);
+    std::string got(data->size() + 1, '\0');
+    for (int k = 0; k < 300; ++k) {
+      const uint64_t at = rng() % (data->size() + 1);
+      const uint64_t n = rng() % 3 == 0 ? rng() % 5000 : rng() % 600;
+      s->setPosition(at);
+      uint64_t done = 0;
+      const gxResult r = s->read(&got[0], n, &done);
+      const uint64_t want = std::min<uint64_t>(n, data->size() - at);
+      ASSERT_EQ(done, at == data->size() || n == 0 ? 0 : want)
+          << at << " " << n;
+      EXPECT_EQ(r, at == data->size() ? GX_S_FALSE : GX_S_OK) << at;
+      EXPECT_TRUE(got.compare(0, done, *data, at, done) == 0) << at << " " << n;
+    }
+    s->setPosition(0);
+    std::string all;
+    for (uint64_t done = 1; done > 0;) {
+      done = 0;
+      s->read(&got[0], 1 + rng() % 1500, &done);
+      all.append(got, 0, done);
+    }
+    EXPECT_TRUE(all == *data);
+  }
+  root->release();
 }
 
 }  // namespace

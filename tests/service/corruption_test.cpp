@@ -117,12 +117,14 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
         {"mini stream of 4 GiB", entry(0, 120), 0xFFFFFFF0, 4, kCorrupt},
         {"child link out of range", entry(1, 76), 5000, 4, kCorrupt},
         {"sibling points to itself", entry(1, 68), 1, 4, kCorrupt},
+        {"two siblings point at each other", entry(11, 72), 1, 4, kCorrupt},
         {"child points to an ancestor", entry(5, 76), 1, 4, kCorrupt},
         {"root entry is a storage", entry(0, 66), 1, 1, kCorrupt},
         {"stream longer than its chain", entry(11, 120), 9000, 4, kCorrupt},
         {"small stream longer than its chain", entry(2, 120), 3500, 4, kCorrupt},
         {"two streams share a chain", entry(3, 116), 0, 4, kCorrupt},
         {"large stream chain ends early", fat(b.entries[11].startSector), kEnd, 4, kCorrupt},
+        {"large stream chain loops", fat(b.entries[11].startSector + 1), b.entries[11].startSector, 4, kCorrupt},
     };
     // clang-format on
     for (const Edit& e : edits) {
@@ -142,6 +144,27 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
         ADD_FAILURE() << "round " << round;
         return;
       }
+    }
+  }
+}
+
+// Broke when chains could run on past the end of the file, where reads
+// give zeros: a file of 52 KB made the service hold a directory of 12,700
+// sectors. The directory's chain and a stream's chain are led past the
+// end, where the FAT ends them.
+TEST(ServiceCorruption, ChainsPastTheEndOfTheFileAreRefused) {
+  for (uint16_t version : {3, 4}) {
+    SCOPED_TRACE(version);
+    gxTestFileBuilder b = sample(version);
+    const std::string base = b.build();
+    const uint32_t past = static_cast<uint32_t>(base.size() / b.sectorSize) + 2;
+    const uint32_t bigEnd =
+        b.entries[11].startSector + (5000 + b.sectorSize - 1) / b.sectorSize - 1;
+    for (uint32_t last : {b.directorySectors.back(), bigEnd}) {
+      std::string f = base;
+      gxPutU32(f, b.fatEntryOffset(last), past);
+      gxPutU32(f, b.fatEntryOffset(past), gxTestFileBuilder::kEnd);
+      EXPECT_EQ(openReadAndEdit(f), STG_E_DOCFILECORRUPT);
     }
   }
 }

@@ -228,12 +228,6 @@ const struct Deviation {
      "as numbers (READ < WRITE < READWRITE), answering STG_E_INVALIDFLAG from "
      "OpenStream",
      accessEnforced, "80030005", nullptr},
-    {"STGM_TRANSACTED below the root is answered STG_E_UNIMPLEMENTEDFUNCTION "
-     "(the root's transaction covers the whole file)",
-     [](const Call& c, Answer) {
-       return c.op <= kOpenStorage && (c.m & STGM_TRANSACTED);
-     },
-     "800300FE", nullptr},
     {"a seek before the start of a stream fails with STG_E_INVALIDFUNCTION, "
      "as documented; ole32 under Wine moves to the position taken modulo 2^64",
      [](const Call& c, Answer platform) {

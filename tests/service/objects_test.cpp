@@ -160,7 +160,7 @@ TEST(ServiceObjects, ModesFlagsAndNames) {
     HRESULT got;
   };
   IStream *st = nullptr, *st2 = nullptr;
-  IStorage* sub = nullptr;
+  IStorage *sub = nullptr, *tx = nullptr;
   const Case cases[] = {
       {"root open while open", STG_E_SHAREVIOLATION,
        gxsStgOpenStorage(U(u"objects_modes.cfb"), nullptr, kRead, nullptr, 0,
@@ -180,8 +180,8 @@ TEST(ServiceObjects, ModesFlagsAndNames) {
       {"storage deny write", STG_E_INVALIDFUNCTION,
        root->CreateStorage(U(u"d"), STGM_READWRITE | STGM_SHARE_DENY_WRITE, 0,
                            0, &sub)},
-      {"storage transacted", STG_E_UNIMPLEMENTEDFUNCTION,
-       root->CreateStorage(U(u"d"), kRW | STGM_TRANSACTED, 0, 0, &sub)},
+      {"storage transacted", S_OK,
+       root->CreateStorage(U(u"d"), kRW | STGM_TRANSACTED, 0, 0, &tx)},
       {"stream exists", STG_E_FILEALREADYEXISTS,
        root->CreateStream(U(u"S"), kRW, 0, 0, &st)},
       {"storage on a stream's name", STG_E_FILENOTFOUND,
@@ -205,6 +205,7 @@ TEST(ServiceObjects, ModesFlagsAndNames) {
   EXPECT_EQ(other, nullptr);
   EXPECT_EQ(st2, nullptr);
   st->Release();
+  tx->Release();
   root->Release();
 
   SCOPED_TRACE("read-only root and streams");
@@ -364,3 +365,45 @@ TEST(ServiceObjects, FailingDiskAtEveryChange) {
 }
 
 }  // namespace
+
+// Transacted storages: below the root a copy commits into its parent only;
+// a transacted root reaches the file at its commit alone; releasing or
+// reverting without a commit drops the changes, at every level.
+TEST(ServiceObjects, TransactedStoragesCommitIntoTheirParent) {
+  const DWORD kTx = kRW | STGM_TRANSACTED;
+  for (bool rootTransacted : {false, true}) {
+    SCOPED_TRACE(rootTransacted ? "transacted root" : "direct root");
+    IStorage* root = nullptr;
+    ASSERT_EQ(gxsStgCreateDocfile(U(u"objects_tx.cfb"),
+                                  (rootTransacted ? kTx : kRW) | STGM_CREATE,
+                                  0, &root),
+              S_OK);
+    IStorage *t = nullptr, *inner = nullptr;
+    ASSERT_EQ(root->CreateStorage(U(u"T"), kTx, 0, 0, &t), S_OK);
+    newStream(t, u"kept", "one")->Release();
+    ASSERT_EQ(t->Commit(STGC_DEFAULT), S_OK);
+    newStream(t, u"dropped", "two")->Release();  // reverted below
+    ASSERT_EQ(t->Revert(), S_OK);
+    ASSERT_EQ(t->CreateStorage(U(u"I"), kTx, 0, 0, &inner), S_OK);
+    newStream(inner, u"deep", std::string(5000, 'd'))->Release();
+    ASSERT_EQ(inner->Commit(STGC_DEFAULT), S_OK);  // into T's copy only
+    inner->Release();
+    newStream(t, u"late", "never committed")->Release();
+    STATSTG info;
+    ASSERT_EQ(t->Stat(&info, STATFLAG_DEFAULT), S_OK);
+    EXPECT_EQ(info.type, STGTY_STORAGE);
+    EXPECT_EQ(info.pwcsName[0], OLECHAR('T'));
+    CoTaskMemFree(info.pwcsName);
+    t->Release();  // T's last changes (I, late) are dropped
+    newStream(root, u"top", "root level")->Release();
+    if (rootTransacted) {
+      ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+      newStream(root, u"lost", "after the commit")->Release();
+    }
+    EXPECT_EQ(root->Release(), 0u);
+    const gxRtTree expected = {{u"T", {true, ""}},
+                               {u"T/kept", {false, "one"}},
+                               {u"top", {false, "root level"}}};
+    gxExpectSameTree(treeOf(u"objects_tx.cfb"), expected);
+  }
+}

@@ -213,7 +213,7 @@ int runCompact(const Args& args) {
                               &source.p);
   if (hr != S_OK) return failed(args[0], hr);
   hr = StgCreateDocfile(to.data(),
-                        STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0,
+                        STGM_CREATE | kEditMode, 0,
                         &target.p);
   if (hr != S_OK) return failed(args[0] + ".gxstg-compact", hr);
   STATSTG stat = {};
