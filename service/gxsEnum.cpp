@@ -1,6 +1,23 @@
 // The enumerator over a storage's children.
 #include "service/gxsEnum.h"
 
+#include "porting/gxdPorting.h"
+
+namespace {
+
+// True when name `a` sorts after `b` in the platform's order of siblings:
+// longer later, then unit by unit folded to upper case.
+bool after(const std::u16string& a, const std::u16string& b) {
+  if (a.size() != b.size()) return a.size() > b.size();
+  for (size_t i = 0; i < a.size(); ++i) {
+    const char16_t x = pdFoldUpper(a[i]), y = pdFoldUpper(b[i]);
+    if (x != y) return x > y;
+  }
+  return false;
+}
+
+}  // namespace
+
 gxsEnum::gxsEnum(gxsContext* context, gxsNode* storage) {
   node_.parent = storage;
   node_.id = storage->id;
@@ -41,21 +58,36 @@ ULONG gxsEnum::Release() {
   return left;
 }
 
-// While nothing changed since the children were listed, each of them is
-// current. After a change, a listed child counts while it is still found
-// under its current name among the storage's children as the same entry:
-// removed entries, and entries reused elsewhere since, are passed over.
-bool gxsEnum::advance(uint32_t& id) {
-  while (next_ < ids_.size()) {
-    id = ids_[next_++];
-    if (node_.context->generation() == listedAt_) return true;
-    const gxdDirRecord& entry = doc().entry(id);
-    uint32_t found = 0;
-    if (entry.objectType != kObjUnused &&
-        doc().find(node_.id, entry.name(), found) == S_OK && found == id)
-      return true;
+// While nothing changed since the children were listed, the list is
+// current. After a change the children are listed again and the enumeration
+// goes on after the last child handed out: right after it when it is still
+// there under its name (which also keeps the place in a sibling tree that
+// other writers left out of order), else with the first child that sorts
+// after its name, as the platform's enumerator does.
+bool gxsEnum::advance(uint32_t& id, HRESULT& hr) {
+  if (node_.context->generation() != listedAt_) {
+    std::vector<uint32_t> ids;
+    if ((hr = doc().children(node_.id, ids)) != S_OK) return false;
+    size_t at = 0;
+    while (started_ && at < ids.size() && ids[at] != lastId_) ++at;
+    if (at < ids.size() && doc().entry(ids[at]).name() == last_) {
+      ++at;
+    } else {
+      at = 0;
+      while (started_ && at < ids.size() &&
+             !after(doc().entry(ids[at]).name(), last_))
+        ++at;
+    }
+    ids_ = std::move(ids);
+    listedAt_ = node_.context->generation();
+    next_ = at;
   }
-  return false;
+  if (next_ >= ids_.size()) return false;
+  id = ids_[next_++];
+  started_ = true;
+  lastId_ = id;
+  last_ = doc().entry(id).name();
+  return true;
 }
 
 HRESULT gxsEnum::Next(ULONG count, STATSTG* records, ULONG* fetched) {
@@ -63,19 +95,28 @@ HRESULT gxsEnum::Next(ULONG count, STATSTG* records, ULONG* fetched) {
     return E_INVALIDARG;
   if (fetched != nullptr) *fetched = 0;
   if (node_.reverted) return STG_E_REVERTED;
+  const bool wasStarted = started_;
+  const uint32_t wasId = lastId_;
+  const std::u16string was = last_;
   ULONG got = 0;
   uint32_t id = 0;
-  while (got < count && advance(id)) {
+  HRESULT hr = S_OK;
+  while (got < count && advance(id, hr)) {
     const gxdDirRecord& entry = doc().entry(id);
     const std::u16string name = entry.name();
-    HRESULT hr = gxsFillStat(entry, &name, 0, records[got]);
-    if (hr != S_OK) {
-      // Nothing is handed out when not everything could be.
-      for (ULONG i = 0; i < got; ++i) CoTaskMemFree(records[i].pwcsName);
-      --next_;
-      return hr;
-    }
+    hr = gxsFillStat(entry, &name, 0, records[got]);
+    if (hr != S_OK) break;
     ++got;
+  }
+  if (hr != S_OK) {
+    // Nothing is handed out when not everything could be: the next call
+    // lists the children again and goes on where this one started.
+    for (ULONG i = 0; i < got; ++i) CoTaskMemFree(records[i].pwcsName);
+    started_ = wasStarted;
+    lastId_ = wasId;
+    last_ = was;
+    listedAt_ = ~uint64_t(0);
+    return hr;
   }
   if (fetched != nullptr) *fetched = got;
   return got == count ? S_OK : S_FALSE;
@@ -85,8 +126,9 @@ HRESULT gxsEnum::Skip(ULONG count) {
   if (node_.reverted) return STG_E_REVERTED;
   uint32_t id = 0;
   ULONG skipped = 0;
-  while (skipped < count && advance(id)) ++skipped;
-  return skipped == count ? S_OK : S_FALSE;
+  HRESULT hr = S_OK;
+  while (skipped < count && advance(id, hr)) ++skipped;
+  return hr != S_OK ? hr : skipped == count ? S_OK : S_FALSE;
 }
 
 HRESULT gxsEnum::Reset() {
@@ -97,6 +139,7 @@ HRESULT gxsEnum::Reset() {
   ids_ = std::move(ids);
   listedAt_ = node_.context->generation();
   next_ = 0;
+  started_ = false;
   return S_OK;
 }
 
@@ -108,6 +151,9 @@ HRESULT gxsEnum::Clone(IEnumSTATSTG** copy) {
   e->ids_ = ids_;
   e->listedAt_ = listedAt_;
   e->next_ = next_;
+  e->started_ = started_;
+  e->lastId_ = lastId_;
+  e->last_ = last_;
   *copy = e;
   return S_OK;
 }

@@ -1,11 +1,13 @@
 // IEnumSTATSTG over the children of a storage of a file the service has
-// open: every element, in the order of the storage's sibling tree. The list
-// of children is taken when the enumerator is made and again at Reset;
-// elements removed or renamed since are skipped or shown under their new
-// names.
+// open: every element, in the order of the storage's sibling tree. As the
+// platform's, the enumerator follows changes made while it is in use: after
+// a change it goes on with the first child that sorts after the last one it
+// handed out, so elements added since come in their place and removed ones
+// are gone. The list of children is taken again after each change.
 #ifndef GXSTORAGE_SERVICE_GXSENUM_H_
 #define GXSTORAGE_SERVICE_GXSENUM_H_
 
+#include <string>
 #include <vector>
 
 #include "platform/gxPlatform.h"
@@ -34,13 +36,17 @@ class gxsEnum final : public IEnumSTATSTG {
   ~gxsEnum();
 
   gxsDocFile& doc() const { return *node_.context->doc(); }
-  // Moves to the next child still in the storage; false at the end.
-  bool advance(uint32_t& id);
+  // Moves to the next child; false at the end (or when the children could
+  // not be listed again: `hr` tells why).
+  bool advance(uint32_t& id, HRESULT& hr);
 
   gxsNode node_;               // id: the storage enumerated
   std::vector<uint32_t> ids_;  // its children when listed
   uint64_t listedAt_ = 0;      // the context's generation then
   size_t next_ = 0;            // index into ids_
+  bool started_ = false;       // `last_` holds the last child handed out
+  uint32_t lastId_ = 0;
+  std::u16string last_;
   ULONG refs_ = 1;
 };
 

@@ -102,7 +102,8 @@ HRESULT gxsStorage::makeTransacted(gxsStorage* anchor, DWORD mode,
 HRESULT gxsStorage::removeAll() {
   std::vector<uint32_t> ids;
   HRESULT hr = doc().children(node_.id, ids);
-  for (size_t i = 0; hr == S_OK && i < ids.size(); ++i) hr = removeChild(ids[i]);
+  for (size_t i = 0; hr == S_OK && i < ids.size(); ++i)
+    hr = removeChild(ids[i]);
   return hr;
 }
 
@@ -175,11 +176,14 @@ HRESULT gxsStorage::CreateStream(const OLECHAR* name, DWORD mode,
                                  IStream** stream) {
   if (stream == nullptr) return STG_E_INVALIDPOINTER;
   *stream = nullptr;
-  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadNewName(name, n);
   if (hr == S_OK) hr = streamMode(mode);
+  // A reverted object is refused after flags that are not valid at all and
+  // before those that are not offered, as the platform does.
+  if ((hr == S_OK || hr == STG_E_INVALIDFUNCTION) && gone())
+    hr = STG_E_REVERTED;
   if (hr == S_OK && (reserved1 != 0 || reserved2 != 0))
     hr = STG_E_INVALIDPARAMETER;
   if (hr == S_OK) hr = addChild(n, kObjStream, mode, S_OK, id);
@@ -191,11 +195,11 @@ HRESULT gxsStorage::OpenStream(const OLECHAR* name, void*, DWORD mode, DWORD,
                                IStream** stream) {
   if (stream == nullptr || name == nullptr) return E_INVALIDARG;
   *stream = nullptr;
-  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
   if (hr == S_OK) hr = streamMode(mode);
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   if (hr == S_OK) hr = checkChildAccess(mode);
   if (hr == S_OK) hr = doc().find(node_.id, n, id);
   if (hr == S_OK && doc().entry(id).objectType != kObjStream)
@@ -209,11 +213,11 @@ HRESULT gxsStorage::CreateStorage(const OLECHAR* name, DWORD mode, DWORD, DWORD,
                                   IStorage** storage) {
   if (storage == nullptr) return STG_E_INVALIDPOINTER;
   *storage = nullptr;
-  if (gone()) return STG_E_REVERTED;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadNewName(name, n);
   if (hr == S_OK) hr = storageFlags(mode, true);
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   if (hr == S_OK) hr = addChild(n, kObjStorage, mode, storageSharing(mode), id);
   if (hr != S_OK) return hr;
   if (mode & STGM_TRANSACTED)
@@ -228,18 +232,20 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
                                 SNB exclude, DWORD, IStorage** storage) {
   if (storage == nullptr || name == nullptr) return E_INVALIDARG;
   *storage = nullptr;
-  if (gone()) return STG_E_REVERTED;
-  // Opening with elements left out (emptied) is not offered.
-  if (exclude != nullptr) return STG_E_INVALIDPARAMETER;
   std::u16string n;
   uint32_t id = 0;
   HRESULT hr = gxsReadName(name, n);
   if (hr == S_OK) hr = storageFlags(mode, false);
+  // An open refuses the sharing before it looks the name up, as the
+  // platform does (a create does after, when the name was free).
+  if (hr == S_OK) hr = storageSharing(mode);
+  if (hr == S_OK && gone()) hr = STG_E_REVERTED;
+  // Opening with elements left out (emptied) is not offered.
+  if (hr == S_OK && exclude != nullptr) hr = STG_E_INVALIDPARAMETER;
   if (hr == S_OK) hr = checkChildAccess(mode);
   if (hr == S_OK) hr = doc().find(node_.id, n, id);
   if (hr == S_OK && doc().entry(id).objectType != kObjStorage)
     hr = STG_E_FILENOTFOUND;
-  if (hr == S_OK) hr = storageSharing(mode);
   if (hr == S_OK && node_.context->isOpen(id)) hr = STG_E_ACCESSDENIED;
   if (hr != S_OK) return hr;
   if (mode & STGM_TRANSACTED)
@@ -321,12 +327,14 @@ HRESULT gxsStorage::RenameElement(const OLECHAR* oldName,
   HRESULT hr = gxsReadName(oldName, from);
   if (hr == S_OK) hr = gxsReadNewName(newName, to);
   if (hr == S_OK && !gxsCanWrite(mode_)) hr = STG_E_ACCESSDENIED;
-  if (hr == S_OK) hr = doc().find(node_.id, from, id);
   if (hr != S_OK) return hr;
-  // A name equal to any sibling's, itself included, folded or not, is taken.
+  // A name equal to any sibling's, itself included, folded or not, is taken;
+  // the platform looks at the new name before the old one.
   hr = doc().find(node_.id, to, other);
   if (hr == S_OK) return STG_E_FILEALREADYEXISTS;
   if (hr != STG_E_FILENOTFOUND) return hr;
+  hr = doc().find(node_.id, from, id);
+  if (hr != S_OK) return hr;
   if (node_.context->isOpen(id)) return STG_E_ACCESSDENIED;
   return node_.context->finish(doc().renameEntry(node_.id, id, to));
 }

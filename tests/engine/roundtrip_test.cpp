@@ -104,7 +104,12 @@ gxRtTree writePlan(const std::u16string& file, const std::vector<Element>& plan,
   return tree;
 }
 
+
+}  // namespace
+
 #ifndef _WIN32
+namespace {
+
 std::string run(const std::string& command) {
   std::string out;
   FILE* pipe = popen(command.c_str(), "r");
@@ -131,9 +136,22 @@ void writeMirror(const std::filesystem::path& root, const gxRtTree& tree) {
     if (!value.first) std::ofstream(p, std::ios::binary) << value.second;
   }
 }
-#endif
 
 }  // namespace
+
+void gxExpectOlefileReads(const std::filesystem::path& file,
+                          const gxRtTree& tree) {
+  const std::filesystem::path mirror = file.string() + ".mirror";
+  std::filesystem::remove_all(mirror);
+  writeMirror(mirror, tree);
+  const std::string script = "/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
+                             "/tests/tools/olefile_dump.py ";
+  const std::string olefile = run(script + file.string() + " 2>&1");
+  EXPECT_EQ(olefile, run(script + mirror.string()));
+  EXPECT_NE(olefile, "");
+  std::filesystem::remove_all(mirror);
+}
+#endif
 
 gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
   gxRtTree tree;
@@ -235,12 +253,7 @@ TEST(RoundTripTest, RandomTreesReadBackByOurLoaderAndOlefile) {
     EXPECT_EQ(gxDigest(bytes.str()), digests[index++]);
     gxExpectSameTree(gxReadOurs(file), tree);
 #ifndef _WIN32
-    writeMirror(dir / (name + ".mirror"), tree);
-    const std::string script = "/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
-                               "/tests/tools/olefile_dump.py ";
-    const std::string olefile = run(script + fs::path(file).string() + " 2>&1");
-    EXPECT_EQ(olefile, run(script + (dir / (name + ".mirror")).string()));
-    EXPECT_NE(olefile, "");
+    gxExpectOlefileReads(file, tree);
 #endif
   }
   fs::remove_all(dir);

@@ -5,6 +5,7 @@
 #define GXSTORAGE_TESTS_SUPPORT_GXROUNDTRIP_H_
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
@@ -21,5 +22,12 @@ std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
 // (in varying chunks and at positions); `sectorSize` receives its sector size.
 gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize = nullptr);
 void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
+#ifndef _WIN32
+// Lists `file` with olefile and `tree` (whose storages' strings are ignored)
+// through a mirror directory written next to the file, and expects the two
+// listings equal and not empty.
+void gxExpectOlefileReads(const std::filesystem::path& file,
+                          const gxRtTree& tree);
+#endif
 
 #endif  // GXSTORAGE_TESTS_SUPPORT_GXROUNDTRIP_H_
