@@ -91,7 +91,7 @@ struct Rng {
   }
 };
 
-// ---- calls ------------------------------------------------------------------
+// ---- calls ----
 // clang-format off
 enum Op : uint8_t {
   kCreateStream, kOpenStream, kCreateStorage, kOpenStorage, kWrite, kRead,
@@ -172,8 +172,7 @@ struct Call {
 // Times are compared only where the generator set them: their high word.
 const DWORD kTimeMark = 0x01C0AAAA;
 
-// ---- deviations kept on purpose
-// ------------------------------------------------
+// ---- deviations kept on purpose ----
 // The run of hex digits after each `key` in a record reads "-".
 std::string blank(std::string r, const std::string& key) {
   for (size_t at = r.find(key); at != std::string::npos;
@@ -215,8 +214,8 @@ using Answer = const std::string&;
 // null) both answers agree after `mask`; then what the platform did is undone
 // on its side so that both files stay alike. Entries without `applies` are
 // calls the platform's service is not asked at all (it fails to answer as
-// documented and would spoil the rest of the sequence): the harness answers for
-// it.
+// documented and would spoil the rest of the sequence): the harness answers
+// for it.
 const struct Deviation {
   const char* what;
   bool (*applies)(const Call&, Answer platform);
@@ -226,8 +225,7 @@ const struct Deviation {
     {"names of 32 units and more, empty ones, and new names holding '/', "
      "'\\', ':' or '!' are refused with STG_E_INVALIDNAME (the format's rule) "
      "before anything else is looked at; ole32 under Wine accepts some (the "
-     "harness "
-     "removes what it created, and answers for RenameElement and "
+     "harness removes what it created, and answers for RenameElement and "
      "MoveElementTo, which write a long name over the entry's sibling "
      "links), and looks others up",
      illegalName, "800300FC", nullptr},
@@ -239,9 +237,8 @@ const struct Deviation {
      "(Read, CopyTo, MoveElementTo, EnumElements), no element is opened "
      "with access its storage lacks, and nothing is created in (or copied "
      "into) a storage opened for reading: STG_E_ACCESSDENIED; ole32 under "
-     "Wine reads "
-     "write-only objects, looks a new name up first, and compares access "
-     "modes as numbers (READ < WRITE < READWRITE), answering "
+     "Wine reads write-only objects, looks a new name up first, and compares "
+     "access modes as numbers (READ < WRITE < READWRITE), answering "
      "STG_E_INVALIDFLAG from OpenStream",
      accessEnforced, "80030005", nullptr},
     {"a seek before the start of a stream fails with STG_E_INVALIDFUNCTION, "
@@ -312,8 +309,7 @@ const struct Deviation {
      nullptr, nullptr, nullptr},
 };
 
-// ---- the two services
-// ------------------------------------------------------------
+// ---- the two services ----
 struct Backend {
   HRESULT (*create)(const OLECHAR*, DWORD, DWORD, IStorage**);
   HRESULT (*open)(const OLECHAR*, IStorage*, DWORD, SNB, DWORD, IStorage**);
@@ -778,11 +774,10 @@ void undo(Side& x, const Call& c, const std::string& platform) {
   if (c.op == kRead && done) x.stm[c.s]->Seek(back, STREAM_SEEK_CUR, nullptr);
 }
 
-// ---- the harness
-// --------------------------------------------------------------- One seed's
-// sequence. Live (Windows), `sides` are {platform, ours} and the platform's
-// answers are appended to `trace`; natively `sides` is {ours} and the
-// platform's answers are read from `trace` from `cursor` on.
+// ---- the harness ----
+// One seed's sequence. Live (Windows), `sides` are {platform, ours} and the
+// platform's answers are appended to `trace`; natively `sides` is {ours} and
+// the platform's answers are read from `trace` from `cursor` on.
 class Harness {
  public:
   Harness(uint32_t seed, std::vector<Side*> sides,
