@@ -105,6 +105,13 @@ HRESULT gxsFillStat(const gxdDirRecord& entry, const std::u16string* name,
                     DWORD mode, STATSTG& info);
 void gxsClsidToBytes(const CLSID& clsid, uint8_t bytes[16]);
 
+// The sharing bits of a mode, and every flag the service knows.
+constexpr DWORD kGxsShareBits = 0x70u;
+constexpr DWORD kGxsKnownBits =
+    3u | kGxsShareBits | STGM_CREATE | STGM_CONVERT | STGM_TRANSACTED |
+    STGM_PRIORITY | STGM_DELETEONRELEASE | STGM_SIMPLE | STGM_NOSCRATCH |
+    STGM_NOSNAPSHOT | STGM_DIRECT_SWMR;
+
 // Access a mode grants.
 inline bool gxsCanRead(DWORD mode) { return (mode & 3u) != STGM_WRITE; }
 inline bool gxsCanWrite(DWORD mode) { return (mode & 3u) != STGM_READ; }

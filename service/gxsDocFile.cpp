@@ -213,12 +213,19 @@ HRESULT gxsDocFile::loadFat() {
   if (fatSectors_.size() != total) return STG_E_DOCFILECORRUPT;
   fat_.resize(static_cast<size_t>(total) * eps);
   fatDirty_.assign(total, false);
-  for (uint32_t i = 0; i < total; ++i) {
-    HRESULT hr = readBytes(offsetOf(fatSectors_[i]), sector.data(),
-                           sector.size());
+  // FAT sectors that lie back to back are read in one call (up to 1 MiB).
+  std::vector<uint8_t> run;
+  for (uint32_t i = 0; i < total;) {
+    uint32_t n = 1;
+    while (i + n < total && n < (1u << 20) / sectorSize() &&
+           fatSectors_[i + n] == fatSectors_[i] + n)
+      ++n;
+    run.resize(static_cast<size_t>(n) * sectorSize());
+    HRESULT hr = readBytes(offsetOf(fatSectors_[i]), run.data(), run.size());
     if (hr != S_OK) return hr;
-    for (uint32_t j = 0; j < eps; ++j)
-      fat_[static_cast<size_t>(i) * eps + j] = loadU32(&sector[4 * j]);
+    for (size_t j = 0; j < static_cast<size_t>(n) * eps; ++j)
+      fat_[static_cast<size_t>(i) * eps + j] = loadU32(&run[4 * j]);
+    i += n;
   }
   // The tables' own sectors are reserved whatever their entries say, and
   // entries past the last valid sector id are never handed out.

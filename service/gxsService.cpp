@@ -11,21 +11,15 @@
 
 namespace {
 
-constexpr DWORD kShareBits = 0x70u;
-constexpr DWORD kKnownBits =
-    3u | kShareBits | STGM_CREATE | STGM_CONVERT | STGM_TRANSACTED |
-    STGM_PRIORITY | STGM_DELETEONRELEASE | STGM_SIMPLE | STGM_NOSCRATCH |
-    STGM_NOSNAPSHOT | STGM_DIRECT_SWMR;
-
 // The modes a root may be opened (`create` false) or created with. Direct
 // mode wants the file to itself, except for readers that only keep writers
 // out; a priority open reads only. A transacted root takes any sharing (the
 // file lock still keeps a second writer out); working without a snapshot
 // means letting other writers in.
 HRESULT checkRootMode(DWORD mode, bool create) {
-  const DWORD access = mode & 3u, share = mode & kShareBits;
+  const DWORD access = mode & 3u, share = mode & kGxsShareBits;
   const bool transacted = (mode & STGM_TRANSACTED) != 0;
-  if ((mode & ~kKnownBits) != 0 || access == 3u ||
+  if ((mode & ~kGxsKnownBits) != 0 || access == 3u ||
       share > STGM_SHARE_DENY_NONE || (mode & STGM_DIRECT_SWMR) != 0)
     return STG_E_INVALIDFLAG;
   if ((mode & (STGM_NOSCRATCH | STGM_NOSNAPSHOT)) != 0 && !transacted)

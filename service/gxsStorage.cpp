@@ -7,22 +7,16 @@
 
 namespace {
 
-constexpr DWORD kShareBits = 0x70u;
-constexpr DWORD kKnownBits =
-    3u | kShareBits | STGM_CREATE | STGM_CONVERT | STGM_TRANSACTED |
-    STGM_PRIORITY | STGM_DELETEONRELEASE | STGM_SIMPLE | STGM_NOSCRATCH |
-    STGM_NOSNAPSHOT | STGM_DIRECT_SWMR;
-
 // Flags that no element below the root may be opened with.
 bool badChildFlags(DWORD mode) {
-  return (mode & ~kKnownBits) != 0 || (mode & 3u) == 3u ||
-         (mode & kShareBits) > STGM_SHARE_DENY_NONE ||
+  return (mode & ~kGxsKnownBits) != 0 || (mode & 3u) == 3u ||
+         (mode & kGxsShareBits) > STGM_SHARE_DENY_NONE ||
          (mode & (STGM_NOSCRATCH | STGM_NOSNAPSHOT | STGM_DIRECT_SWMR)) != 0;
 }
 
 // A stream is opened exclusively, never transacted.
 HRESULT streamMode(DWORD mode) {
-  if (badChildFlags(mode) || (mode & kShareBits) != STGM_SHARE_EXCLUSIVE)
+  if (badChildFlags(mode) || (mode & kGxsShareBits) != STGM_SHARE_EXCLUSIVE)
     return STG_E_INVALIDFLAG;
   if (mode & (STGM_TRANSACTED | STGM_DELETEONRELEASE))
     return STG_E_INVALIDFUNCTION;
@@ -31,7 +25,7 @@ HRESULT streamMode(DWORD mode) {
 
 // The checks of a storage's mode made before its name is looked up...
 HRESULT storageFlags(DWORD mode, bool create) {
-  if (badChildFlags(mode) || (mode & kShareBits) == 0 ||
+  if (badChildFlags(mode) || (mode & kGxsShareBits) == 0 ||
       (create && (mode & STGM_DELETEONRELEASE) != 0))
     return STG_E_INVALIDFLAG;
   return S_OK;
@@ -39,7 +33,7 @@ HRESULT storageFlags(DWORD mode, bool create) {
 
 // ...and after: sharing other than exclusive is not offered below the root.
 HRESULT storageSharing(DWORD mode) {
-  if ((mode & kShareBits) != STGM_SHARE_EXCLUSIVE ||
+  if ((mode & kGxsShareBits) != STGM_SHARE_EXCLUSIVE ||
       (mode & (STGM_PRIORITY | STGM_DELETEONRELEASE)) != 0)
     return STG_E_INVALIDFUNCTION;
   return S_OK;
@@ -96,6 +90,15 @@ HRESULT gxsStorage::makeTransacted(gxsStorage* anchor, DWORD mode,
     return hr;
   }
   *out = copy;
+  return S_OK;
+}
+
+HRESULT gxsStorage::handOut(uint32_t id, DWORD mode, IStorage** storage) {
+  if (mode & STGM_TRANSACTED)
+    return makeTransacted(
+        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
+        storage);
+  *storage = new gxsStorage(node_.context, &node_, id, mode);
   return S_OK;
 }
 
@@ -220,12 +223,7 @@ HRESULT gxsStorage::CreateStorage(const OLECHAR* name, DWORD mode, DWORD, DWORD,
   if (hr == S_OK && gone()) hr = STG_E_REVERTED;
   if (hr == S_OK) hr = addChild(n, kObjStorage, mode, storageSharing(mode), id);
   if (hr != S_OK) return hr;
-  if (mode & STGM_TRANSACTED)
-    return makeTransacted(
-        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
-        storage);
-  *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return S_OK;
+  return handOut(id, mode, storage);
 }
 
 HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
@@ -248,12 +246,7 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
     hr = STG_E_FILENOTFOUND;
   if (hr == S_OK && node_.context->isOpen(id)) hr = STG_E_ACCESSDENIED;
   if (hr != S_OK) return hr;
-  if (mode & STGM_TRANSACTED)
-    return makeTransacted(
-        new gxsStorage(node_.context, &node_, id, anchorMode(mode)), mode,
-        storage);
-  *storage = new gxsStorage(node_.context, &node_, id, mode);
-  return S_OK;
+  return handOut(id, mode, storage);
 }
 
 // A transacted root commits the file's transaction. Every other storage is

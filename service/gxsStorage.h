@@ -90,6 +90,9 @@ class gxsStorage final : public IStorage {
   // on (the copy takes `anchor` over).
   static HRESULT makeTransacted(gxsStorage* anchor, DWORD mode,
                                 IStorage** out);
+  // Hands out child storage `id` opened with `mode` (a transacted copy
+  // when the mode asks for one).
+  HRESULT handOut(uint32_t id, DWORD mode, IStorage** storage);
   // Empties this storage's element of every child.
   HRESULT removeAll();
 
