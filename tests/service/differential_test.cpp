@@ -351,9 +351,9 @@ struct Side {
       be->create(w(file + u".dead"), kRW | STGM_CREATE, 0, &scratch);
       for (DWORD a = 0; a < 3; ++a) {
         const Units n(1, char16_t(u'0' + a));
-        const DWORD mode = a | STGM_SHARE_EXCLUSIVE;
-        scratch->CreateStorage(w(u"s" + n), mode, 0, 0, &deadStg[a]);
-        scratch->CreateStream(w(u"t" + n), mode, 0, 0, &deadStm[a]);
+        const DWORD as = a | STGM_SHARE_EXCLUSIVE;
+        scratch->CreateStorage(w(u"s" + n), as, 0, 0, &deadStg[a]);
+        scratch->CreateStream(w(u"t" + n), as, 0, 0, &deadStm[a]);
         if (a == 2) deadStg[a]->EnumElements(0, nullptr, 0, &deadEnum);
         scratch->DestroyElement(w(u"s" + n));
         scratch->DestroyElement(w(u"t" + n));
@@ -405,11 +405,10 @@ bool reverted(T* object) {
 }
 
 // MoveElementTo as documented, from the platform's other calls: open the
-// element (or, when it is open in slot `open` of kind*kStg + slot, take
-// that object: it is copied, not moved, as nothing is moved out of a
-// storage opened for reading), create its copy under the new name
-// (refused when the name is taken), copy it, and destroy the original when
-// moving.
+// element (or take the object open on it in slot `open`, kind * kStg +
+// slot), create its copy under the new name (refused when the name is
+// taken), give it the class, copy, and destroy the original when moving.
+// An open element, or one in a storage opened for reading, is not moved.
 HRESULT emulateMove(Side& x, IStorage* from, const Units& name, IStorage* to,
                     const Units& newName, DWORD flag, int open, bool writable) {
   IStorage *src = nullptr, *dst = nullptr;
