@@ -69,14 +69,15 @@ bool gxsEnum::advance(uint32_t& id, HRESULT& hr) {
     std::vector<uint32_t> ids;
     if ((hr = doc().children(node_.id, ids)) != S_OK) return false;
     size_t at = 0;
-    while (started_ && at < ids.size() && ids[at] != lastId_) ++at;
-    if (at < ids.size() && doc().entry(ids[at]).name() == last_) {
-      ++at;
-    } else {
-      at = 0;
-      while (started_ && at < ids.size() &&
-             !after(doc().entry(ids[at]).name(), last_))
+    if (started_) {
+      while (at < ids.size() && ids[at] != lastId_) ++at;
+      if (at < ids.size() && doc().entry(ids[at]).name() == last_) {
         ++at;
+      } else {
+        at = 0;
+        while (at < ids.size() && !after(doc().entry(ids[at]).name(), last_))
+          ++at;
+      }
     }
     ids_ = std::move(ids);
     listedAt_ = node_.context->generation();

@@ -100,8 +100,10 @@ HRESULT gxsStream::Seek(LARGE_INTEGER move, DWORD origin,
 }
 
 HRESULT gxsStream::SetSize(ULARGE_INTEGER size) {
-  if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
+  // Unlike Read and Write, the platform's SetSize refuses a reverted stream
+  // before it looks at the access.
   if (node_.reverted) return STG_E_REVERTED;
+  if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   return node_.context->finish(doc().setStreamSize(node_.id, size.QuadPart));
 }
 
