@@ -9,6 +9,7 @@
 // (direct).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 
@@ -66,99 +67,95 @@ std::vector<OLECHAR> ole(const std::u16string& s) {
 HRESULT walk(IStorage* storage, const std::u16string& prefix, Tree& tree) {
   IEnumSTATSTG* e = nullptr;
   HRESULT hr = storage->EnumElements(0, nullptr, 0, &e);
-  std::vector<std::pair<std::u16string, bool>> kids;
-  STATSTG s;
-  ULONG n = 0;
-  while (hr == S_OK && (hr = e->Next(1, &s, &n)) == S_OK) {
-    std::u16string name;
-    for (const OLECHAR* c = s.pwcsName; *c != 0; ++c) name += char16_t(*c);
-    kids.push_back({name, s.type == STGTY_STORAGE});
-    CoTaskMemFree(s.pwcsName);
-  }
+  std::vector<STATSTG> kids(1);
+  while (hr == S_OK && (hr = e->Next(1, &kids.back(), nullptr)) == S_OK)
+    kids.emplace_back();
   if (e != nullptr) e->Release();
-  for (size_t i = 0; i < kids.size() && hr >= 0; ++i) {
-    const std::u16string path = prefix + kids[i].first;
+  kids.pop_back();
+  for (const STATSTG& k : kids) {
+    const std::u16string name(
+        k.pwcsName, k.pwcsName + std::char_traits<OLECHAR>::length(k.pwcsName));
+    CoTaskMemFree(k.pwcsName);
     IStorage* sub = nullptr;
     IStream* stream = nullptr;
-    if (kids[i].second) {
-      hr = storage->OpenStorage(ole(kids[i].first).data(), nullptr, kRW,
-                                nullptr, 0, &sub);
-      tree[path] = {true, ""};
-      if (hr == S_OK) hr = walk(sub, path + u"/", tree), sub->Release();
-      continue;
+    Tree::mapped_type& element = tree[prefix + name];
+    element.first = k.type == STGTY_STORAGE;
+    if (hr < 0) continue;
+    if (element.first &&
+        (hr = storage->OpenStorage(ole(name).data(), nullptr, kRW, nullptr, 0,
+                                   &sub)) == S_OK)
+      hr = walk(sub, prefix + name + u"/", tree), sub->Release();
+    if (!element.first && (hr = storage->OpenStream(ole(name).data(), nullptr,
+                                                    kRW, 0, &stream)) == S_OK) {
+      char chunk[4096];
+      for (ULONG done = 1; hr == S_OK && done > 0;
+           element.second.append(chunk, done))
+        hr = stream->Read(chunk, sizeof chunk, &done);
+      stream->Release();
     }
-    hr = storage->OpenStream(ole(kids[i].first).data(), nullptr, kRW, 0,
-                             &stream);
-    std::string data, chunk(4096, '\0');
-    for (ULONG done = 1; hr == S_OK && done > 0; data.append(chunk, 0, done))
-      hr = stream->Read(&chunk[0], 4096, &done);
-    tree[path] = {false, data};
-    if (stream != nullptr) stream->Release();
   }
   return hr >= 0 ? S_OK : hr;
 }
 
-// One call of a script. Writes create the stream when the model has none.
+// One call of a script on element `name` of storage `dir` ("" is the
+// root); writes create the stream when the model has none.
 enum Kind { kStorage, kWrite, kSetSize, kDestroy, kRename, kCommit };
 struct Op {
   Op(Kind k, const char16_t* d = u"", const char16_t* n = u"", uint32_t x = 0,
      uint32_t y = 0, const char16_t* t = u"")
       : kind(k), dir(d), name(n), a(x), b(y), to(t) {}
   Kind kind;
-  const char16_t* dir;  // "" is the root
-  const char16_t* name;
-  uint32_t a, b;       // write: offset and length; set size: size
-  const char16_t* to;  // rename
+  std::u16string dir, name;
+  uint32_t a, b;  // write: offset and length; set size: size
+  std::u16string to;
 };
 
 HRESULT run(IStorage* root, const Op& op, Tree& model) {
   if (op.kind == kCommit) return root->Commit(STGC_DEFAULT);
-  const std::u16string dirName = op.dir,
-                       path =
-                           (dirName.empty() ? u"" : dirName + u"/") + op.name;
-  IStorage* dir = root;
-  IStorage* sub = nullptr;
-  IStream* s = nullptr;
-  HRESULT hr = dirName.empty() ? S_OK
-                               : root->OpenStorage(ole(dirName).data(), nullptr,
-                                                   kRW, nullptr, 0, &dir);
+  const std::u16string path = (op.dir.empty() ? u"" : op.dir + u"/") + op.name;
   const auto name = ole(op.name);
-  if (hr != S_OK) {
-    dir = root;
-  } else if (op.kind == kStorage) {
+  IStorage *dir = root, *sub = nullptr;
+  IStream* s = nullptr;
+  HRESULT hr = op.dir.empty() ? S_OK
+                              : root->OpenStorage(ole(op.dir).data(), nullptr,
+                                                  kRW, nullptr, 0, &dir);
+  if (hr != S_OK) return hr;
+  if (op.kind == kStorage) {
     if ((hr = dir->CreateStorage(name.data(), kRW, 0, 0, &sub)) == S_OK)
       model[path] = {true, ""};
   } else if (op.kind == kWrite || op.kind == kSetSize) {
-    hr = model.count(path) ? dir->OpenStream(name.data(), nullptr, kRW, 0, &s)
-                           : dir->CreateStream(name.data(), kRW, 0, 0, &s);
-    if (hr == S_OK) model[path] = {false, model[path].second};
-    std::string& data = model[path].second;
+    std::string data = model.count(path) ? model[path].second : "";
+    const std::string bytes(op.b, char('a' + op.b % 26));
     ULARGE_INTEGER size;
     LARGE_INTEGER at;
     size.QuadPart = at.QuadPart = op.a;
-    const std::string bytes(op.b, char('a' + op.b % 26));
-    if (hr == S_OK && op.kind == kSetSize && (hr = s->SetSize(size)) == S_OK)
+    hr = model.count(path) ? dir->OpenStream(name.data(), nullptr, kRW, 0, &s)
+                           : dir->CreateStream(name.data(), kRW, 0, 0, &s);
+    if (hr == S_OK && op.kind == kSetSize) {
+      hr = s->SetSize(size);
       data.resize(op.a, '\0');
-    if (hr == S_OK && op.kind == kWrite &&
-        (hr = s->Seek(at, STREAM_SEEK_SET, nullptr)) == S_OK &&
-        (hr = s->Write(bytes.data(), op.b, nullptr)) == S_OK) {
-      if (data.size() < op.a + op.b) data.resize(op.a + op.b, '\0');
+    } else if (hr == S_OK) {
+      if ((hr = s->Seek(at, STREAM_SEEK_SET, nullptr)) == S_OK)
+        hr = s->Write(bytes.data(), op.b, nullptr);
+      data.resize(std::max<size_t>(data.size(), op.a + op.b), '\0');
       data.replace(op.a, op.b, bytes);
     }
+    if (hr == S_OK) model[path] = {false, data};
   } else {
     hr = op.kind == kDestroy
              ? dir->DestroyElement(name.data())
              : dir->RenameElement(name.data(), ole(op.to).data());
     Tree moved;
-    for (auto it = model.begin(); hr == S_OK && it != model.end();) {
-      const std::u16string& p = it->first;
-      if (p != path && p.rfind(path + u"/", 0) != 0) {
+    for (auto it = model.lower_bound(path);
+         hr == S_OK && it != model.end() && it->first.rfind(path, 0) == 0;) {
+      const std::u16string rest = it->first.substr(path.size());
+      if (!rest.empty() && rest[0] != u'/') {
         ++it;
         continue;
       }
       if (op.kind == kRename)
-        moved[path.substr(0, path.size() - name.size() + 1) + op.to +
-              p.substr(path.size())] = it->second;
+        moved[path.substr(0, path.size() - op.name.size()) + op.to + rest] =
+            it->second;
       it = model.erase(it);
     }
     model.insert(moved.begin(), moved.end());
@@ -169,47 +166,32 @@ HRESULT run(IStorage* root, const Op& op, Tree& model) {
   return hr;
 }
 
+// clang-format off
 // The file every script starts from; "keep", "K" and "K/k" are never
 // touched.
 const std::vector<Op> kBase = {
     {kWrite, u"", u"keep", 0, 6000}, {kStorage, u"", u"K"},
-    {kWrite, u"K", u"k", 0, 700},    {kWrite, u"", u"small", 0, 3000},
-    {kWrite, u"", u"big", 0, 9000},  {kStorage, u"", u"D"},
+    {kWrite, u"K", u"k", 0, 700}, {kWrite, u"", u"small", 0, 3000},
+    {kWrite, u"", u"big", 0, 9000}, {kStorage, u"", u"D"},
     {kWrite, u"D", u"d", 0, 5000}};
-
 const std::vector<std::vector<Op>> kScripts = {
     // Streams crossing the mini-stream cutoff both ways.
-    {{kWrite, u"", u"small", 3000, 3000},
-     {kSetSize, u"", u"big", 100},
-     {kCommit},
-     {kWrite, u"", u"big", 50, 20000},
-     {kSetSize, u"", u"small", 10},
-     {kCommit},
+    {{kWrite, u"", u"small", 3000, 3000}, {kSetSize, u"", u"big", 100},
+     {kCommit}, {kWrite, u"", u"big", 50, 20000},
+     {kSetSize, u"", u"small", 10}, {kCommit},
      {kWrite, u"", u"small", 0, 4097}},
     // New elements, then destroy and rename, with a commit between.
-    {{kStorage, u"", u"N"},
-     {kWrite, u"N", u"n", 0, 5000},
-     {kWrite, u"D", u"d", 4000, 200},
-     {kCommit},
-     {kDestroy, u"", u"big"},
-     {kRename, u"", u"D", 0, 0, u"E"},
-     {kDestroy, u"", u"N"},
-     {kCommit},
+    {{kStorage, u"", u"N"}, {kWrite, u"N", u"n", 0, 5000},
+     {kWrite, u"D", u"d", 4000, 200}, {kCommit}, {kDestroy, u"", u"big"},
+     {kRename, u"", u"D", 0, 0, u"E"}, {kDestroy, u"", u"N"}, {kCommit},
      {kWrite, u"", u"late", 0, 10}},
-    // Enough siblings to rebalance the root's tree and add directory
+    // Siblings enough to rebalance the root's tree and add directory
     // sectors.
-    {{kWrite, u"", u"s1", 0, 0},
-     {kWrite, u"", u"s2", 0, 0},
-     {kWrite, u"", u"s3", 0, 0},
-     {kWrite, u"", u"s4", 0, 100},
-     {kWrite, u"", u"s5", 0, 0},
-     {kWrite, u"", u"s6", 0, 0},
-     {kCommit},
-     {kDestroy, u"", u"s2"},
-     {kDestroy, u"", u"small"},
-     {kDestroy, u"", u"s5"},
-     {kStorage, u"", u"s0"},
-     {kCommit}}};
+    {{kWrite, u"", u"s1"}, {kWrite, u"", u"s2"}, {kWrite, u"", u"s3"},
+     {kWrite, u"", u"s4", 0, 100}, {kWrite, u"", u"s5"}, {kWrite, u"", u"s6"},
+     {kCommit}, {kDestroy, u"", u"s2"}, {kDestroy, u"", u"small"},
+     {kDestroy, u"", u"s5"}, {kStorage, u"", u"s0"}, {kCommit}}};
+// clang-format on
 
 struct Fault {
   const char* what;
