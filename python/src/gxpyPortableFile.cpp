@@ -271,7 +271,7 @@ class gxpyPortableFile : public gxpyFile,
     const gxdCompoundFile& cf = view_->file();
     const uint64_t size = sizeOf(cf, entry);
     mini = size < cf.header.miniStreamCutoff;
-    const std::vector<uint32_t>& table = mini ? cf.miniFat : cf.fat;
+    const auto& table = mini ? cf.miniFat : cf.fat;
     const uint32_t shift =
         mini ? cf.header.miniSectorShift : cf.header.sectorShift;
     // An area of N units cannot hold a longer chain without repeating one.
