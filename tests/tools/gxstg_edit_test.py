@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """gxstg's editing commands on files other programs wrote (Wine's ole32,
 versions 3 and 4): seeded edits (put, mkdir, mv, rm) applied to a model of
-the tree, the result read by olefile after every edit; refused edits leave
-the file byte for byte; compact keeps the tree.
+the tree, the result read by olefile after every edit and by gsf at the end; refused
+edits leave the file byte for byte; compact keeps the tree.
 
 Usage: gxstg_edit_test.py BIN_DIR SOURCE_DIR
 """
@@ -106,6 +106,16 @@ def main():
         run("put", f, "x" * 40, stdin=b"abc", code=1)
         if open(f, "rb").read() != before:
             failures.append("%s changed by refused edits" % fixture)
+
+        # gsf, another independent reader, lists every element of the edited
+        # file.
+        if shutil.which("gsf"):
+            listing = subprocess.run(["gsf", "list", f], capture_output=True)
+            text_out = listing.stdout.decode("utf-8", "replace")
+            missing = [p for p in model if "/".join(p) not in text_out]
+            if listing.returncode != 0 or missing:
+                failures.append("%s: gsf lists %d elements short (%s)" % (
+                    fixture, len(missing), missing[:2]))
 
         run("compact", f)
         if tree(f) != model:
