@@ -166,3 +166,9 @@ void gxsClsidToBytes(const CLSID& clsid, uint8_t bytes[16]) {
   storeU16(bytes + 6, clsid.Data3);
   std::memcpy(bytes + 8, clsid.Data4, 8);
 }
+
+bool gxsContext::outerGone() const {
+  for (const gxsNode* o = outer_; o != nullptr; o = o->context->outer_)
+    if (o->reverted) return true;
+  return false;
+}

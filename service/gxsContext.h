@@ -71,6 +71,11 @@ class gxsContext {
   // Counts the calls that may have changed the file, so that a list of
   // children taken earlier is known to be current while it stays the same.
   uint64_t generation() const { return generation_; }
+  // The context of a transacted copy's scratch file follows the object that
+  // holds the copy's element open (`outer`): once that is reverted, every
+  // object of this context answers as reverted too. Null detaches.
+  void setOuter(const gxsNode* outer) { outer_ = outer; }
+  bool outerGone() const;
 
  private:
   ~gxsContext() = default;
@@ -83,7 +88,13 @@ class gxsContext {
   std::vector<gxsNode*> nodes_;  // live objects, in no particular order
   unsigned long refs_ = 0;
   uint64_t generation_ = 0;
+  const gxsNode* outer_ = nullptr;  // see setOuter; outlives this context's use
 };
+
+// True when the object of `node` answers STG_E_REVERTED.
+inline bool gxsGone(const gxsNode& node) {
+  return node.reverted || node.context->outerGone();
+}
 
 // ---- Helpers shared by the three object classes -----------------------
 

@@ -95,7 +95,7 @@ HRESULT gxsEnum::Next(ULONG count, STATSTG* records, ULONG* fetched) {
   if (records == nullptr || (fetched == nullptr && count > 1))
     return E_INVALIDARG;
   if (fetched != nullptr) *fetched = 0;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   const bool wasStarted = started_;
   const uint32_t wasId = lastId_;
   const std::u16string was = last_;
@@ -124,7 +124,7 @@ HRESULT gxsEnum::Next(ULONG count, STATSTG* records, ULONG* fetched) {
 }
 
 HRESULT gxsEnum::Skip(ULONG count) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   uint32_t id = 0;
   ULONG skipped = 0;
   HRESULT hr = S_OK;
@@ -133,7 +133,7 @@ HRESULT gxsEnum::Skip(ULONG count) {
 }
 
 HRESULT gxsEnum::Reset() {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   std::vector<uint32_t> ids;
   HRESULT hr = doc().children(node_.id, ids);
   if (hr != S_OK) return hr;
@@ -147,7 +147,7 @@ HRESULT gxsEnum::Reset() {
 HRESULT gxsEnum::Clone(IEnumSTATSTG** copy) {
   if (copy == nullptr) return E_INVALIDARG;
   *copy = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   gxsEnum* e = new gxsEnum(node_.context, node_.parent);
   e->ids_ = ids_;
   e->listedAt_ = listedAt_;

@@ -67,6 +67,7 @@ gxsStorage::gxsStorage(gxsContext* context, gxsNode* parent, uint32_t id,
 gxsStorage::~gxsStorage() {
   gxsContext* context = node_.context;
   if (node_.id == gxsDocFile::kRootId) context->closeFile();
+  if (anchor_ != nullptr) context->setOuter(nullptr);
   context->delist(&node_);
   if (anchor_ != nullptr) anchor_->Release();
 }
@@ -83,6 +84,7 @@ HRESULT gxsStorage::makeTransacted(gxsStorage* anchor, DWORD mode,
   auto* copy = new gxsStorage(context, nullptr, gxsDocFile::kRootId,
                               (mode & ~STGM_TRANSACTED) | STGM_READWRITE);
   copy->anchor_ = anchor;
+  context->setOuter(&anchor->node_);
   hr = anchor->CopyTo(0, nullptr, nullptr, copy);
   copy->mode_ = mode & ~STGM_CREATE;
   if (hr != S_OK) {
@@ -281,7 +283,7 @@ HRESULT gxsStorage::Revert() {
     mode_ = mode;
     return hr;
   }
-  if (node_.reverted || node_.id != gxsDocFile::kRootId || !doc().transacted())
+  if (gxsGone(node_) || node_.id != gxsDocFile::kRootId || !doc().transacted())
     return S_OK;
   node_.context->revertBelow(&node_);
   HRESULT hr = doc().revert();

@@ -83,9 +83,7 @@ class gxsStorage final : public IStorage {
   HRESULT removeChild(uint32_t id);
   // True once this object (or, for a transacted copy, its anchor) answers
   // STG_E_REVERTED.
-  bool gone() const {
-    return node_.reverted || (anchor_ != nullptr && anchor_->node_.reverted);
-  }
+  bool gone() const { return gxsGone(node_); }
   // Hands out in `out` a transacted copy of the element `anchor` is open
   // on (the copy takes `anchor` over).
   static HRESULT makeTransacted(gxsStorage* anchor, DWORD mode,

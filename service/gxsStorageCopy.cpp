@@ -95,7 +95,7 @@ HRESULT gxsStorage::copyTree(uint32_t from, IStorage* target, bool streams,
   stack[0].target = target;
   HRESULT hr = doc().children(from, stack[0].ids);
   while (hr == S_OK && !stack.empty()) {
-    if (node_.reverted) {
+    if (gxsGone(node_)) {
       hr = STG_E_REVERTED;  // the copy replaced an element it was reading
       break;
     }

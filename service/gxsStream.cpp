@@ -41,7 +41,7 @@ ULONG gxsStream::Release() {
 HRESULT gxsStream::Read(void* data, ULONG size, ULONG* done) {
   if (done != nullptr) *done = 0;
   if (!gxsCanRead(mode_)) return STG_E_ACCESSDENIED;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   if (size == 0) return S_OK;
   if (data == nullptr) return STG_E_INVALIDPOINTER;
   uint32_t got = 0;
@@ -54,7 +54,7 @@ HRESULT gxsStream::Read(void* data, ULONG size, ULONG* done) {
 HRESULT gxsStream::Write(const void* data, ULONG size, ULONG* written) {
   if (written != nullptr) *written = 0;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   if (data == nullptr) return STG_E_INVALIDPOINTER;
   if (size == 0) return S_OK;
   uint32_t put = 0;
@@ -66,7 +66,7 @@ HRESULT gxsStream::Write(const void* data, ULONG size, ULONG* written) {
 
 HRESULT gxsStream::Seek(LARGE_INTEGER move, DWORD origin,
                         ULARGE_INTEGER* newPosition) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   uint64_t base = 0;
   switch (origin) {
     case STREAM_SEEK_SET:
@@ -102,7 +102,7 @@ HRESULT gxsStream::Seek(LARGE_INTEGER move, DWORD origin,
 HRESULT gxsStream::SetSize(ULARGE_INTEGER size) {
   // Unlike Read and Write, the platform's SetSize refuses a reverted stream
   // before it looks at the access.
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   if (!gxsCanWrite(mode_)) return STG_E_ACCESSDENIED;
   return node_.context->finish(doc().setStreamSize(node_.id, size.QuadPart));
 }
@@ -113,7 +113,7 @@ HRESULT gxsStream::CopyTo(IStream* target, ULARGE_INTEGER size,
   if (written != nullptr) written->QuadPart = 0;
   if (target == nullptr) return STG_E_INVALIDPOINTER;
   if (!gxsCanRead(mode_)) return STG_E_ACCESSDENIED;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   // Chunk by chunk: read here (moving this position), write there (moving
   // the target's). A target that is this stream writes behind what was just
   // read, as the platform does.
@@ -140,7 +140,7 @@ HRESULT gxsStream::CopyTo(IStream* target, ULARGE_INTEGER size,
 }
 
 HRESULT gxsStream::Commit(DWORD) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   return node_.context->finish(S_OK);
 }
 
@@ -149,18 +149,18 @@ HRESULT gxsStream::Revert() { return S_OK; }
 
 // Compound files offer no range locks (Stat reports none supported).
 HRESULT gxsStream::LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   return E_NOTIMPL;
 }
 
 HRESULT gxsStream::UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) {
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   return E_NOTIMPL;
 }
 
 HRESULT gxsStream::Stat(STATSTG* info, DWORD flag) {
   if (info == nullptr) return STG_E_INVALIDPOINTER;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   const gxdDirRecord& entry = doc().entry(node_.id);
   const std::u16string name = entry.name();
   return gxsFillStat(entry, (flag & STATFLAG_NONAME) ? nullptr : &name, mode_,
@@ -170,7 +170,7 @@ HRESULT gxsStream::Stat(STATSTG* info, DWORD flag) {
 HRESULT gxsStream::Clone(IStream** copy) {
   if (copy == nullptr) return STG_E_INVALIDPOINTER;
   *copy = nullptr;
-  if (node_.reverted) return STG_E_REVERTED;
+  if (gxsGone(node_)) return STG_E_REVERTED;
   *copy =
       new gxsStream(node_.context, node_.parent, node_.id, mode_, position_);
   return S_OK;

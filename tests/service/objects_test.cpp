@@ -395,6 +395,15 @@ TEST(ServiceObjects, TransactedStoragesCommitIntoTheirParent) {
     EXPECT_EQ(info.pwcsName[0], OLECHAR('T'));
     CoTaskMemFree(info.pwcsName);
     t->Release();  // T's last changes (I, late) are dropped
+    // What was opened through a copy goes with the copy's element.
+    IStorage* t2 = nullptr;
+    ASSERT_EQ(root->CreateStorage(U(u"T2"), kTx, 0, 0, &t2), S_OK);
+    IStream* inside = newStream(t2, u"x", "y");
+    ASSERT_EQ(root->DestroyElement(U(u"T2")), S_OK);
+    EXPECT_EQ(inside->Write("z", 1, nullptr), STG_E_REVERTED);
+    EXPECT_EQ(t2->Commit(STGC_DEFAULT), STG_E_REVERTED);
+    inside->Release();
+    t2->Release();
     newStream(root, u"top", "root level")->Release();
     if (rootTransacted) {
       ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
