@@ -139,8 +139,12 @@ bool readSmall(const std::string& path, bool portable, bool probeOnly,
   std::vector<uint8_t> scratch;
   Root root;
   timer.start();
-  gxResult r =
-      gxStgOpenStorage(units(path).data(), 0x10, &root.storage, portable);
+  // The exported interface opens child storages read-write (0x12); the
+  // platform's service grants that only below a read-write root, so the
+  // platform backend opens the root read-write (direct mode: nothing is
+  // written unless something changes).
+  gxResult r = gxStgOpenStorage(units(path).data(), portable ? 0x10 : 0x12,
+                                &root.storage, portable);
   timer.stop();
   if (r != GX_S_OK) return fail(error, "open failed");
   CGxAbsStorage* storage = nullptr;

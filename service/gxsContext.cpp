@@ -15,24 +15,39 @@ gxsContext::gxsContext(std::unique_ptr<gxsDocFile> doc, std::u16string path,
 
 void gxsContext::enlist(gxsNode* node) {
   node->context = this;
+  node->slot = nodes_.size();
   nodes_.push_back(node);
+  if (node->parent != nullptr) ++node->parent->children;
+  if (node->kind != gxsNode::kEnum) ++openOn_[node->id];
   ++refs_;
 }
 
+void gxsContext::unlink(gxsNode* node) {
+  if (node->parent != nullptr) --node->parent->children;
+  node->parent = nullptr;
+  if (node->kind != gxsNode::kEnum) {
+    auto it = openOn_.find(node->id);
+    if (--it->second == 0) openOn_.erase(it);
+  }
+}
+
 void gxsContext::delist(gxsNode* node) {
-  if (!node->reverted) revertBelow(node);
-  nodes_.erase(std::find(nodes_.begin(), nodes_.end(), node));
+  if (!node->reverted) {
+    revertBelow(node);
+    unlink(node);
+  }
+  gxsNode* last = nodes_.back();
+  last->slot = node->slot;
+  nodes_[node->slot] = last;
+  nodes_.pop_back();
   dropChainIfUnused(node);
   if (--refs_ == 0) delete this;
 }
 
-bool gxsContext::isOpen(uint32_t id) const {
-  for (const gxsNode* n : nodes_)
-    if (!n->reverted && n->kind != gxsNode::kEnum && n->id == id) return true;
-  return false;
-}
+bool gxsContext::isOpen(uint32_t id) const { return openOn_.count(id) != 0; }
 
 void gxsContext::revertBelow(gxsNode* node) {
+  if (node->children == 0) return;
   std::vector<gxsNode*> pending;
   for (gxsNode* n : nodes_)
     if (n->parent == node) pending.push_back(n);
@@ -58,9 +73,10 @@ void gxsContext::revert(std::vector<gxsNode*> pending) {
     pending.pop_back();
     if (node->reverted) continue;
     node->reverted = true;
-    node->parent = nullptr;
-    for (gxsNode* n : nodes_)
-      if (n->parent == node) pending.push_back(n);
+    unlink(node);
+    if (node->children != 0)
+      for (gxsNode* n : nodes_)
+        if (n->parent == node) pending.push_back(n);
     dropChainIfUnused(node);
   }
 }
@@ -83,8 +99,14 @@ void gxsContext::closeFile() {
 HRESULT gxsContext::finish(HRESULT hr) {
   ++generation_;
   if (!doc_) return hr;
-  HRESULT flushed = doc_->flush();
+  HRESULT flushed = doc_->flushIfDue();
   return hr != S_OK ? hr : flushed;
+}
+
+HRESULT gxsContext::commitDirect() {
+  ++generation_;
+  if (!doc_ || doc_->transacted()) return S_OK;
+  return doc_->commit();
 }
 
 // ---- Names ---------------------------------------------------------------

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/gxPlatform.h"
@@ -30,6 +31,8 @@ struct gxsNode {
   uint32_t id = 0;                // directory entry (an enumerator's storage)
   Kind kind = kStorage;
   bool reverted = false;
+  uint32_t children = 0;  // live objects whose parent this is
+  size_t slot = 0;        // place in the context's list of live objects
 };
 
 class gxsContext {
@@ -64,10 +67,15 @@ class gxsContext {
   // file (writing what is still pending) and deletes it when asked to.
   void closeFile();
 
-  // Ends a call that changed the file: writes the changed tables so that
-  // the file is whole when the call returns. Returns `hr` when it failed,
-  // else the result of the write.
+  // Ends a call that changed the file. Direct mode writes the changed
+  // tables once enough changed since they were last written (the file stays
+  // whole either way). Returns `hr` when it failed, else the result of the
+  // write.
   HRESULT finish(HRESULT hr);
+  // Commit of a direct-mode storage or stream: the changes so far become
+  // the file's state and are synced. Below a transacted root there is
+  // nothing to do: the changes wait for the root's commit.
+  HRESULT commitDirect();
   // Counts the calls that may have changed the file, so that a list of
   // children taken earlier is known to be current while it stays the same.
   uint64_t generation() const { return generation_; }
@@ -81,11 +89,16 @@ class gxsContext {
   ~gxsContext() = default;
   void revert(std::vector<gxsNode*> pending);
   void dropChainIfUnused(const gxsNode* node);
+  // `node` stops counting as open: it leaves its parent's children and the
+  // count of objects open on its element.
+  void unlink(gxsNode* node);
 
   std::unique_ptr<gxsDocFile> doc_;
   std::u16string path_;
   std::u16string removePath_;
   std::vector<gxsNode*> nodes_;  // live objects, in no particular order
+  // Element -> storage and stream objects open on it, not reverted.
+  std::unordered_map<uint32_t, uint32_t> openOn_;
   unsigned long refs_ = 0;
   uint64_t generation_ = 0;
   const gxsNode* outer_ = nullptr;  // see setOuter; outlives this context's use

@@ -376,6 +376,14 @@ HRESULT gxsDocFile::flush() {
   return hr;
 }
 
+HRESULT gxsDocFile::flushIfDue() {
+  if (transacted_ || !writable_) return S_OK;
+  const uint64_t pending =
+      static_cast<uint64_t>(taken_.size() + pendingZero_.size()) *
+      sectorSize();
+  return pending >= kDirectFlushBytes ? flush() : S_OK;
+}
+
 // Records every sector in use as the file's state. Both modes keep that
 // state whole until a switch: a direct flush or a transacted commit.
 void gxsDocFile::setTransacted(bool transacted) {

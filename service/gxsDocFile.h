@@ -119,6 +119,14 @@ class gxsDocFile {
   // place is not part of that guarantee). Nothing is written when no table
   // changed. Transacted: does nothing.
   HRESULT flush();
+  // Direct mode, at the end of every changing call: flush() once the sectors
+  // taken or freed since the last switch reach kDirectFlushBytes. Between
+  // switches the file keeps its last state whole (new data lies in sectors
+  // that state does not use); this bounds both what a crash can drop and
+  // the freed space that cannot be reused before the next switch, without
+  // writing the tables and the header on every call.
+  HRESULT flushIfDue();
+  static constexpr uint64_t kDirectFlushBytes = 8u << 20;
   // Makes every change durable. Transacted: the changed table sectors go to
   // sectors the committed state does not use, are synced, and only then is
   // the header (the one place that says where the state lives) written in

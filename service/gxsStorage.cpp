@@ -252,8 +252,8 @@ HRESULT gxsStorage::OpenStorage(const OLECHAR* name, IStorage*, DWORD mode,
 }
 
 // A transacted root commits the file's transaction. Every other storage is
-// direct: its changes are in the file already (or, below a transacted root,
-// in the root's transaction), so there is only the tables to write.
+// direct: in a direct file its changes become the file's state here and are
+// synced; below a transacted root they wait for the root's commit.
 HRESULT gxsStorage::Commit(DWORD) {
   if (gone()) return STG_E_REVERTED;
   if (anchor_ != nullptr) {
@@ -265,7 +265,7 @@ HRESULT gxsStorage::Commit(DWORD) {
   }
   if (node_.id == gxsDocFile::kRootId && doc().transacted())
     return doc().commit();
-  return node_.context->finish(S_OK);
+  return node_.context->commitDirect();
 }
 
 // A transacted root drops every change since the last commit; whatever was

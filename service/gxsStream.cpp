@@ -141,7 +141,7 @@ HRESULT gxsStream::CopyTo(IStream* target, ULARGE_INTEGER size,
 
 HRESULT gxsStream::Commit(DWORD) {
   if (gxsGone(node_)) return STG_E_REVERTED;
-  return node_.context->finish(S_OK);
+  return node_.context->commitDirect();
 }
 
 // Direct mode: nothing to undo.
