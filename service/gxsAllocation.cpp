@@ -16,6 +16,7 @@ uint64_t gxsDocFile::maxSectors() const {
 HRESULT gxsDocFile::chainOf(uint32_t start, uint64_t minLength,
                             std::vector<uint32_t>& out) const {
   out.clear();
+  out.reserve(static_cast<size_t>(std::min<uint64_t>(minLength, fat_.size())));
   // Every sector lies in the file or was allocated by this session: a chain
   // that runs on past the end (where reads give zeros) would make a small
   // file hold a large directory.
@@ -34,6 +35,8 @@ HRESULT gxsDocFile::chainOf(uint32_t start, uint64_t minLength,
 HRESULT gxsDocFile::miniChainOf(uint32_t start, uint64_t minLength,
                                 std::vector<uint32_t>& out) const {
   out.clear();
+  out.reserve(
+      static_cast<size_t>(std::min<uint64_t>(minLength, miniFat_.size())));
   uint32_t s = start;
   while (s != kEndOfChain) {
     if (s >= miniFat_.size() || out.size() >= miniFat_.size())
@@ -174,8 +177,8 @@ HRESULT gxsDocFile::ensureMiniStream(uint64_t bytes) {
   const uint64_t need = (bytes + sectorSize() - 1) / sectorSize();
   if (miniStream_.sectors.size() < need) {
     uint32_t head = root.startSector;
-    HRESULT hr =
-        extendChain(miniStream_.sectors, need - miniStream_.sectors.size(), head);
+    HRESULT hr = extendChain(miniStream_.sectors,
+                             need - miniStream_.sectors.size(), head);
     if (hr != S_OK) return hr;
     root.startSector = head;
   }
@@ -219,7 +222,8 @@ HRESULT gxsDocFile::miniOffset(uint32_t miniSector, uint64_t& offset) {
 
 HRESULT gxsDocFile::freeMiniSectors(const std::vector<uint32_t>& chain,
                                     size_t from) {
-  if (from > 0 && from <= chain.size()) setMiniFat(chain[from - 1], kEndOfChain);
+  if (from > 0 && from <= chain.size())
+    setMiniFat(chain[from - 1], kEndOfChain);
   static const uint8_t zeros[64] = {};
   std::vector<uint32_t> freed(chain.begin() + static_cast<ptrdiff_t>(from),
                               chain.end());

@@ -32,7 +32,11 @@ uint64_t gxsNow() {
              10;
 }
 
-gxsDocFile::gxsDocFile(std::unique_ptr<pdFile> file) : file_(std::move(file)) {}
+gxsDocFile::gxsDocFile(std::unique_ptr<pdFile> file) {
+  auto cached = std::make_unique<gxsBlockCache>(std::move(file));
+  cache_ = cached.get();
+  file_ = std::move(cached);
+}
 
 gxsDocFile::~gxsDocFile() = default;
 
@@ -54,21 +58,23 @@ HRESULT gxsDocFile::ioFailure(bool writing) const {
   }
 }
 
-HRESULT gxsDocFile::readBytes(uint64_t offset, void* data, size_t size) {
-  int64_t got = file_->readAt(offset, data, size);
+HRESULT gxsDocFile::readBytes(uint64_t offset, void* data, size_t size,
+                              bool small) {
+  int64_t got = small ? cache_->readCached(offset, data, size, fileBytes_)
+                      : file_->readAt(offset, data, size);
   if (got < 0) return ioFailure(false);
   if (static_cast<size_t>(got) < size) {
     // Only sectors this session allocated past the end of the file may be
     // missing; they read as zeros. Anything else is a file that shrank.
-    if (offset + static_cast<uint64_t>(got) < fileBytes_) return STG_E_READFAULT;
+    if (offset + static_cast<uint64_t>(got) < fileBytes_)
+      return STG_E_READFAULT;
     std::memset(static_cast<uint8_t*>(data) + got, 0,
                 size - static_cast<size_t>(got));
   }
   return S_OK;
 }
 
-HRESULT gxsDocFile::writeBytes(uint64_t offset, const void* data,
-                               size_t size) {
+HRESULT gxsDocFile::writeBytes(uint64_t offset, const void* data, size_t size) {
   if (corrupt_) return STG_E_DOCFILECORRUPT;
   if (!writable_) return STG_E_ACCESSDENIED;
   if (!file_->writeAt(offset, data, size)) return ioFailure(true);
@@ -176,11 +182,30 @@ HRESULT gxsDocFile::load() {
 // Reads the DIFAT (header slots, then the DIFAT chain) and every FAT sector.
 // Each FAT or DIFAT sector must lie inside the file and appear once, so the
 // FAT held in memory is never larger than the file.
+template <typename Use>
+HRESULT gxsDocFile::readSectors(const std::vector<uint32_t>& sectors, Use use) {
+  const size_t ss = sectorSize();
+  const size_t maxRun = std::min<size_t>(sectors.size(), (1u << 20) / ss);
+  std::unique_ptr<uint8_t[]> run(new uint8_t[maxRun * ss]);  // never zeroed
+  for (size_t i = 0; i < sectors.size();) {
+    size_t n = 1;
+    while (i + n < sectors.size() && n < maxRun &&
+           sectors[i + n] == sectors[i] + n)
+      ++n;
+    HRESULT hr = readBytes(offsetOf(sectors[i]), run.get(), n * ss);
+    if (hr != S_OK) return hr;
+    for (size_t k = 0; k < n; ++k) use(i + k, run.get() + k * ss);
+    i += n;
+  }
+  return S_OK;
+}
+
 HRESULT gxsDocFile::loadFat() {
   const uint32_t eps = entriesPerSector();
   const uint64_t fileSectors =
-      fileBytes_ <= sectorSize() ? 0
-                                 : (fileBytes_ - 1) / sectorSize();  // past header
+      fileBytes_ <= sectorSize()
+          ? 0
+          : (fileBytes_ - 1) / sectorSize();  // past header
   if (header_.numFatSectors == 0 || header_.numFatSectors > fileSectors ||
       header_.numDifatSectors > fileSectors)
     return STG_E_DOCFILECORRUPT;
@@ -211,22 +236,15 @@ HRESULT gxsDocFile::loadFat() {
     next = loadU32(&sector[4 * (eps - 1)]);
   }
   if (fatSectors_.size() != total) return STG_E_DOCFILECORRUPT;
-  fat_.resize(static_cast<size_t>(total) * eps);
+  // Tables are filled in order as they are read, never zero-filled first:
+  // a large file's pages are touched once.
+  fat_.clear();
+  fat_.reserve(static_cast<size_t>(total) * eps);
   fatDirty_.assign(total, false);
-  // FAT sectors that lie back to back are read in one call (up to 1 MiB).
-  std::vector<uint8_t> run;
-  for (uint32_t i = 0; i < total;) {
-    uint32_t n = 1;
-    while (i + n < total && n < (1u << 20) / sectorSize() &&
-           fatSectors_[i + n] == fatSectors_[i] + n)
-      ++n;
-    run.resize(static_cast<size_t>(n) * sectorSize());
-    HRESULT hr = readBytes(offsetOf(fatSectors_[i]), run.data(), run.size());
-    if (hr != S_OK) return hr;
-    for (size_t j = 0; j < static_cast<size_t>(n) * eps; ++j)
-      fat_[static_cast<size_t>(i) * eps + j] = loadU32(&run[4 * j]);
-    i += n;
-  }
+  HRESULT hr = readSectors(fatSectors_, [&](size_t, const uint8_t* bytes) {
+    for (uint32_t j = 0; j < eps; ++j) fat_.push_back(loadU32(&bytes[4 * j]));
+  });
+  if (hr != S_OK) return hr;
   // The tables' own sectors are reserved whatever their entries say, and
   // entries past the last valid sector id are never handed out.
   for (size_t s = maxSectors(); s < fat_.size(); ++s) fat_[s] = kEndOfChain;
@@ -241,18 +259,17 @@ HRESULT gxsDocFile::loadDirectory() {
   const uint32_t perSector = sectorSize() / kDirRecordSize;
   uint64_t count = static_cast<uint64_t>(dirChain_.size()) * perSector;
   if (count >= kMaxRegSect) return STG_E_DOCFILECORRUPT;
-  entries_.resize(static_cast<size_t>(count));
-  std::vector<uint8_t> sector(sectorSize());
-  for (size_t i = 0; i < dirChain_.size(); ++i) {
-    hr = readBytes(offsetOf(dirChain_[i]), sector.data(), sector.size());
-    if (hr != S_OK) return hr;
+  entries_.clear();
+  entries_.reserve(static_cast<size_t>(count));
+  hr = readSectors(dirChain_, [&](size_t, const uint8_t* bytes) {
     for (uint32_t j = 0; j < perSector; ++j) {
-      gxdDirRecord& r = entries_[i * perSector + j];
-      r.load(&sector[j * kDirRecordSize], kDirRecordSize);
+      gxdDirRecord& r = entries_.emplace_back();
+      r.load(&bytes[j * kDirRecordSize], kDirRecordSize);
       // Version 3 files record 32-bit sizes; the high half is not theirs.
       if (header_.majorVersion == 3) r.streamSize &= 0xFFFFFFFFull;
     }
-  }
+  });
+  if (hr != S_OK) return hr;
   dirDirty_.assign(dirChain_.size(), false);
   parentOf_.assign(entries_.size(), kNoStream);
   treeState_.assign(entries_.size(), 0);
@@ -262,8 +279,9 @@ HRESULT gxsDocFile::loadDirectory() {
 
 HRESULT gxsDocFile::loadMiniFat() {
   const gxdDirRecord& root = entries_[kRootId];
-  HRESULT hr = chainOf(root.startSector, unitsFor(root.streamSize, sectorSize()),
-                       miniStream_.sectors);
+  HRESULT hr =
+      chainOf(root.startSector, unitsFor(root.streamSize, sectorSize()),
+              miniStream_.sectors);
   if (root.streamSize == 0) miniStream_.sectors.clear(), hr = S_OK;
   if (hr != S_OK) return hr;
   if (header_.firstMiniFatSector == kEndOfChain ||
@@ -272,14 +290,13 @@ HRESULT gxsDocFile::loadMiniFat() {
   if ((hr = chainOf(header_.firstMiniFatSector, 1, miniFatChain_)) != S_OK)
     return hr;
   const uint32_t eps = entriesPerSector();
-  miniFat_.resize(miniFatChain_.size() * eps);
-  std::vector<uint8_t> sector(sectorSize());
-  for (size_t i = 0; i < miniFatChain_.size(); ++i) {
-    hr = readBytes(offsetOf(miniFatChain_[i]), sector.data(), sector.size());
-    if (hr != S_OK) return hr;
+  miniFat_.clear();
+  miniFat_.reserve(miniFatChain_.size() * eps);
+  hr = readSectors(miniFatChain_, [&](size_t, const uint8_t* bytes) {
     for (uint32_t j = 0; j < eps; ++j)
-      miniFat_[i * eps + j] = loadU32(&sector[4 * j]);
-  }
+      miniFat_.push_back(loadU32(&bytes[4 * j]));
+  });
+  if (hr != S_OK) return hr;
   miniFatDirty_.assign(miniFatChain_.size(), false);
   return S_OK;
 }
@@ -337,7 +354,8 @@ HRESULT gxsDocFile::checkTree() {
             chainOf(r.startSector, unitsFor(r.streamSize, sectorSize()), chain);
         if (hr != S_OK || !own(chain, owned)) return STG_E_DOCFILECORRUPT;
       } else {
-        HRESULT hr = miniChainOf(r.startSector, unitsFor(r.streamSize, 64), chain);
+        HRESULT hr =
+            miniChainOf(r.startSector, unitsFor(r.streamSize, 64), chain);
         if (hr != S_OK || !own(chain, miniOwned)) return STG_E_DOCFILECORRUPT;
         for (uint32_t m : chain)
           if (m >= miniCapacity) return STG_E_DOCFILECORRUPT;
@@ -379,8 +397,7 @@ HRESULT gxsDocFile::flush() {
 HRESULT gxsDocFile::flushIfDue() {
   if (transacted_ || !writable_) return S_OK;
   const uint64_t pending =
-      static_cast<uint64_t>(taken_.size() + pendingZero_.size()) *
-      sectorSize();
+      static_cast<uint64_t>(taken_.size() + pendingZero_.size()) * sectorSize();
   return pending >= kDirectFlushBytes ? flush() : S_OK;
 }
 
@@ -391,8 +408,8 @@ void gxsDocFile::setTransacted(bool transacted) {
   // Only sectors inside the file can belong to its state.
   protected_.assign(fat_.size(), 0);
   for (size_t s = 0; s < protected_.size(); ++s)
-    protected_[s] = fat_[s] != kFreeSect &&
-                    offsetOf(static_cast<uint32_t>(s)) < fileBytes_;
+    protected_[s] =
+        fat_[s] != kFreeSect && offsetOf(static_cast<uint32_t>(s)) < fileBytes_;
   pendingZero_.clear();
   taken_.clear();
   committedBytes_ = fileBytes_;
@@ -475,8 +492,7 @@ HRESULT gxsDocFile::switchState(bool sync) {
   std::vector<uint8_t> head(sectorSize(), 0);
   header_.store(head.data());
   size_t length = fileBytes_ >= head.size() ? kHeaderSize : head.size();
-  if (!file_->writeAt(0, head.data(), length) ||
-      (sync && !file_->sync(true))) {
+  if (!file_->writeAt(0, head.data(), length) || (sync && !file_->sync(true))) {
     // The header may or may not have reached the disk, so the file may hold
     // either state: until a switch succeeds, no sector of either is written
     // in place, handed out, zeroed or cut off.
@@ -590,14 +606,17 @@ HRESULT gxsDocFile::writeTables() {
   }
   for (size_t i = 0; i < miniFatChain_.size(); ++i) {
     if (!miniFatDirty_[i]) continue;
-    for (uint32_t j = 0; j < eps; ++j) storeU32(&sector[4 * j], miniFat_[i * eps + j]);
-    if ((hr = writeBytes(offsetOf(miniFatChain_[i]), sector.data(), ss)) != S_OK)
+    for (uint32_t j = 0; j < eps; ++j)
+      storeU32(&sector[4 * j], miniFat_[i * eps + j]);
+    if ((hr = writeBytes(offsetOf(miniFatChain_[i]), sector.data(), ss)) !=
+        S_OK)
       return hr;
     miniFatDirty_[i] = false;
   }
   for (size_t i = 0; i < fatSectors_.size(); ++i) {
     if (!fatDirty_[i]) continue;
-    for (uint32_t j = 0; j < eps; ++j) storeU32(&sector[4 * j], fat_[i * eps + j]);
+    for (uint32_t j = 0; j < eps; ++j)
+      storeU32(&sector[4 * j], fat_[i * eps + j]);
     if ((hr = writeBytes(offsetOf(fatSectors_[i]), sector.data(), ss)) != S_OK)
       return hr;
     fatDirty_[i] = false;
@@ -606,9 +625,8 @@ HRESULT gxsDocFile::writeTables() {
     size_t next = kHeaderDifatSlots;
     for (size_t d = 0; d < difatSectors_.size(); ++d) {
       for (uint32_t j = 0; j + 1 < eps; ++j, ++next)
-        storeU32(&sector[4 * j], next < fatSectors_.size()
-                                     ? fatSectors_[next]
-                                     : kFreeSect);
+        storeU32(&sector[4 * j],
+                 next < fatSectors_.size() ? fatSectors_[next] : kFreeSect);
       storeU32(&sector[4 * (eps - 1)], d + 1 < difatSectors_.size()
                                            ? difatSectors_[d + 1]
                                            : kEndOfChain);

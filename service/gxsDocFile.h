@@ -22,6 +22,7 @@
 #include "engine/gxdFormat.h"
 #include "platform/gxPlatform.h"
 #include "porting/gxdFile.h"
+#include "service/gxsBlockCache.h"
 
 class gxsDocFile {
  public:
@@ -158,7 +159,13 @@ class gxsDocFile {
   HRESULT loadDirectory();
   HRESULT loadMiniFat();
   HRESULT checkTree();
-  HRESULT readBytes(uint64_t offset, void* data, size_t size);
+  // `small`: a read of the mini stream, served from the block cache.
+  HRESULT readBytes(uint64_t offset, void* data, size_t size,
+                    bool small = false);
+  // Reads sectors[0..] in order, those that lie back to back in one call
+  // (up to 1 MiB), and hands each to `use(index, bytes)`.
+  template <typename Use>
+  HRESULT readSectors(const std::vector<uint32_t>& sectors, Use use);
   HRESULT writeBytes(uint64_t offset, const void* data, size_t size);
   HRESULT fail(HRESULT code);  // records damage and returns `code`
   HRESULT checkWritable() const;
@@ -235,7 +242,8 @@ class gxsDocFile {
   HRESULT resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd);
   HRESULT freeStreamData(uint32_t id);
 
-  std::unique_ptr<pdFile> file_;
+  std::unique_ptr<pdFile> file_;  // a gxsBlockCache over the file
+  gxsBlockCache* cache_ = nullptr;
   bool writable_ = false;
   bool corrupt_ = false;
   bool changed_ = false;
@@ -244,32 +252,32 @@ class gxsDocFile {
   std::vector<uint32_t> pendingZero_;  // freed, but the committed state's
   std::vector<uint32_t> taken_;        // sectors taken since the last switch
   uint64_t committedBytes_ = 0;        // file length at the last commit
-  uint64_t fileBytes_ = 0;       // physical length of the file
-  uint64_t allocatedEnd_ = 0;    // the file must reach this far at flush
+  uint64_t fileBytes_ = 0;             // physical length of the file
+  uint64_t allocatedEnd_ = 0;          // the file must reach this far at flush
   gxdFileHeader header_;
   bool headerDirty_ = false;
 
-  std::vector<uint32_t> fat_;          // whole FAT, entries of all FAT sectors
-  std::vector<uint32_t> fatSectors_;   // where each FAT sector lives
-  std::vector<bool> fatDirty_;         // per FAT sector
-  std::vector<uint32_t> difatSectors_; // the DIFAT chain
+  std::vector<uint32_t> fat_;           // whole FAT, entries of all FAT sectors
+  std::vector<uint32_t> fatSectors_;    // where each FAT sector lives
+  std::vector<bool> fatDirty_;          // per FAT sector
+  std::vector<uint32_t> difatSectors_;  // the DIFAT chain
   bool difatDirty_ = false;
-  uint32_t freeHint_ = 0;              // no free sector below this
+  uint32_t freeHint_ = 0;  // no free sector below this
 
   std::vector<uint32_t> miniFat_;
   std::vector<uint32_t> miniFatChain_;  // sectors of the MiniFAT
   std::vector<bool> miniFatDirty_;      // per MiniFAT sector
   uint32_t miniFreeHint_ = 0;
-  Chain miniStream_;                    // the root entry's chain
+  Chain miniStream_;  // the root entry's chain
 
   std::vector<gxdDirRecord> entries_;
-  std::vector<uint32_t> dirChain_;      // sectors of the directory
-  std::vector<bool> dirDirty_;          // per directory sector
+  std::vector<uint32_t> dirChain_;  // sectors of the directory
+  std::vector<bool> dirDirty_;      // per directory sector
   uint32_t entryFreeHint_ = 1;
-  std::vector<uint32_t> parentOf_;      // storage holding each entry
-  std::vector<uint8_t> treeState_;      // per storage: sibling tree checked?
+  std::vector<uint32_t> parentOf_;  // storage holding each entry
+  std::vector<uint8_t> treeState_;  // per storage: sibling tree checked?
 
-  std::map<uint32_t, Chain> chains_;    // cached chains of streams in use
+  std::map<uint32_t, Chain> chains_;  // cached chains of streams in use
 };
 
 // The current time in the platform's FILETIME units (100 ns since 1601).

@@ -25,10 +25,10 @@ HRESULT gxsDocFile::streamChain(uint32_t id, Chain*& chain) {
   c.mini = r.streamSize < header_.miniStreamCutoff;
   HRESULT hr = S_OK;
   if (r.streamSize > 0)
-    hr = c.mini ? miniChainOf(r.startSector, unitsFor(r.streamSize, 64),
-                              c.sectors)
-                : chainOf(r.startSector, unitsFor(r.streamSize, sectorSize()),
-                          c.sectors);
+    hr = c.mini
+             ? miniChainOf(r.startSector, unitsFor(r.streamSize, 64), c.sectors)
+             : chainOf(r.startSector, unitsFor(r.streamSize, sectorSize()),
+                       c.sectors);
   if (hr != S_OK) return fail(hr);
   chain = &(chains_[id] = std::move(c));
   return S_OK;
@@ -77,7 +77,7 @@ HRESULT gxsDocFile::readChain(const Chain& chain, uint64_t offset,
                               uint8_t* data, uint64_t size) {
   return forEachRun(chain, offset, size,
                     [&](uint64_t at, uint64_t from, uint64_t length) {
-                      return readBytes(at, data + from, length);
+                      return readBytes(at, data + from, length, chain.mini);
                     });
 }
 
@@ -167,7 +167,8 @@ HRESULT gxsDocFile::zeroChain(uint32_t owner, Chain& chain, uint64_t offset,
                     [&](uint64_t at, uint64_t, uint64_t length) -> HRESULT {
                       uint64_t end = std::min(at + length, fileBytes_);
                       if (at >= end) return S_OK;
-                      if (!file_->zeroRange(at, end - at)) return ioFailure(true);
+                      if (!file_->zeroRange(at, end - at))
+                        return ioFailure(true);
                       return S_OK;
                     });
 }
@@ -199,8 +200,7 @@ HRESULT gxsDocFile::writeStream(uint32_t id, uint64_t offset, const void* data,
     return hr;
   Chain* chain = nullptr;
   if ((hr = streamChain(id, chain)) != S_OK) return hr;
-  hr = writeChain(id, *chain, offset, static_cast<const uint8_t*>(data),
-                  size);
+  hr = writeChain(id, *chain, offset, static_cast<const uint8_t*>(data), size);
   if (hr == S_OK) done = size;
   return hr;
 }
@@ -225,7 +225,8 @@ HRESULT gxsDocFile::resize(uint32_t id, uint64_t newSize, uint64_t zeroEnd) {
   const bool newMini = newSize < header_.miniStreamCutoff;
   zeroEnd = std::min(zeroEnd, newSize);
   if (chain->sectors.empty()) chain->mini = newMini;
-  uint32_t head = chain->sectors.empty() ? kEndOfChain : entries_[id].startSector;
+  uint32_t head =
+      chain->sectors.empty() ? kEndOfChain : entries_[id].startSector;
   if (chain->mini == newMini) {
     const uint32_t unit = newMini ? 64 : sectorSize();
     const uint64_t need = unitsFor(newSize, unit);
