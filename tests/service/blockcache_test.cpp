@@ -9,14 +9,14 @@
 #include "support/gxMemoryFile.h"
 
 TEST(ServiceBlockCache, ReadsWhatTheFileHoldsThroughRandomChanges) {
-  for (uint32_t seed = 1; seed <= 20; ++seed) {
+  for (uint32_t seed = 1; seed <= 6; ++seed) {
     std::mt19937 rng(seed);
     auto bytes = std::make_shared<gxMemoryBytes>();
     bytes->bytes.resize(rng() % 300000);
     for (auto& b : bytes->bytes) b = static_cast<uint8_t>(rng());
     gxsBlockCache cache(std::make_unique<gxMemoryFile>(bytes));
     auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
-    for (int step = 0; step < 400; ++step) {
+    for (int step = 0; step < 250; ++step) {
       const uint64_t at = pick(320000);
       const uint32_t size = pick(4) == 0 ? pick(70000) : pick(5000);
       std::vector<uint8_t> data(size);
