@@ -101,6 +101,8 @@ def main():
         before = open(f, "rb").read()
         run("mv", f, text(next(p for p in model if p)), "a" * 32, code=1)
         run("mv", f, text(next(p for p in model if p)), "bad/name", code=1)
+        first, second = [p for p in model if len(p) == 1][:2]
+        run("mv", f, text(first), text(second), code=1)  # a name in use
         run("put", f, "missing", "/nonexistent/source", code=2)
         run("rm", f, "no such element", code=2)
         run("put", f, "x" * 40, stdin=b"abc", code=1)
