@@ -9,7 +9,6 @@ import io
 import os
 import pathlib
 import random
-import shutil
 import struct
 import subprocess
 import sys
@@ -131,6 +130,9 @@ def edit(f, tree, rng):
         below = {k[len(names):]: tree.pop(k) for k in list(tree) if k[:len(names)] == names}
         if op == "rename":
             tree.update({names[:-1] + (new,) + k: v for k, v in below.items()})
+        elif rng.random() < 0.5:  # the name comes back, as a stream
+            tree[names] = data
+            f.write(names, data)
 
 
 # Another process: the tree it reads, and the failure of a second editor.
@@ -146,12 +148,10 @@ except PermissionError as e:
 
 @pytest.mark.parametrize("source", [p.name for p in FIXTURES] + ["created"])
 def test_seeded_edits_match_the_model_and_olefile(tmp_path, source):
-    path, model, rng = tmp_path / "edited.cfb", None, random.Random(source)
-    if source == "created":  # made over an older file, which stays until the commit
-        path.write_bytes(b"older file")
-    else:
-        shutil.copy(FIXTURES[0].parent / source, path)
-        model = olefile_tree(path)
+    # "created": a file made over an older one, which stays until the commit.
+    path, rng, made = tmp_path / "edited.cfb", random.Random(source), source == "created"
+    path.write_bytes(b"older file" if made else (FIXTURES[0].parent / source).read_bytes())
+    model = None if made else olefile_tree(path)
     for round in range(8):
         before, pending, fails = path.read_bytes(), dict(model or {}), round % 3 == 0
         try:
@@ -260,9 +260,9 @@ def test_hostile_files_never_crash_the_interpreter(tmp_path):
 def test_damaged_files_are_refused_cleanly(tmp_path):
     path, bad = tmp_path / "good.cfb", tmp_path / "bad.cfb"
     with gxstorage.create(path) as f:
-        f.write("small", b"s" * 100)
-        f.write("big", bytes(range(256)) * 80)
-        f.write("other", b"o" * 10000)
+        for name, data in [("small", b"s" * 100), ("big", bytes(range(256)) * 80),
+                           ("other", b"o" * 10000)]:
+            f.write(name, data)
     data = path.read_bytes()
     with olefile.OleFileIO(str(path)) as ole:  # one FAT sector, one directory sector
         assert len(data) < 129 * 512 and ole.fat[ole.first_dir_sector] == olefile.ENDOFCHAIN
