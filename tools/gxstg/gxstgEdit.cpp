@@ -177,6 +177,11 @@ int runMove(const Args& args) {
   if (int code = edit.open(args[1], false)) return code;
   std::vector<OLECHAR> name = edit.last(), newName = wide(to[0]);
   HRESULT hr = edit.holder()->RenameElement(name.data(), newName.data());
+  // Another element of the storage has the new name already: the caller
+  // chose the name, as with an invalid one (the code's usual meaning when
+  // opening a file, "not a compound file", does not apply here).
+  if (hr == STG_E_FILEALREADYEXISTS)
+    return fail(kExitUsage, args[0] + ": " + args[2] + ": the name is in use");
   if (hr != S_OK) return failed(args[0] + ": " + args[1], hr);
   return edit.commit();
 }
