@@ -24,7 +24,7 @@ int64_t gxsBlockCache::readCached(uint64_t offset, void* data, size_t size,
       if (got < 0) return -1;
       if (static_cast<uint64_t>(got) < kBlock) {  // the end of the file
         const size_t have = static_cast<size_t>(got);
-        --handedOut_;  // the block is not kept: hand it out again
+        --handedOut_, --slabUsed_;  // not kept: carve it again next time
         if (index * kBlock + have < length) return -1;
         const size_t n = from < have ? std::min(size - done, have - from) : 0;
         std::memcpy(out + done, block + from, n);
@@ -94,16 +94,19 @@ void gxsBlockCache::forEachKept(uint64_t offset, uint64_t size, Use use) {
 }
 
 uint8_t* gxsBlockCache::newBlock() {
-  const size_t slot = handedOut_ % kSlabBlocks;
-  if (slot == 0 && handedOut_ / kSlabBlocks == slabs_.size())
-    slabs_.push_back(
-        static_cast<uint8_t*>(pdTableAllocate(kSlabBlocks * kBlock)));
-  return slabs_[handedOut_++ / kSlabBlocks] + slot * kBlock;
+  if (slabs_.empty() || slabUsed_ == slabs_.back().second) {
+    const size_t blocks = std::min(kSlabBlocks, size_t{1} << slabs_.size());
+    slabs_.emplace_back(static_cast<uint8_t*>(pdTableAllocate(blocks * kBlock)),
+                        blocks);
+    slabUsed_ = 0;
+  }
+  ++handedOut_;
+  return slabs_.back().first + slabUsed_++ * kBlock;
 }
 
 void gxsBlockCache::clear() {
   blocks_.clear();
-  for (uint8_t* slab : slabs_) pdTableFree(slab, kSlabBlocks * kBlock);
+  for (auto& [slab, blocks] : slabs_) pdTableFree(slab, blocks * kBlock);
   slabs_.clear();
-  handedOut_ = 0;
+  slabUsed_ = handedOut_ = 0;
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "porting/gxdFile.h"
@@ -40,8 +41,9 @@ class gxsBlockCache final : public pdFile {
 
  private:
   static constexpr uint64_t kBlock = 32 * 1024;
-  // Blocks are carved from slabs of 2 MiB (large pages where the host has
-  // them: page faults are dear), up to 64 MiB; then the cache starts over.
+  // Blocks are carved from slabs of 1, 2, 4, ... up to 64 blocks (2 MiB,
+  // in large pages where the host has them: page faults are dear), so that
+  // a small file keeps little; at 64 MiB the cache starts over.
   static constexpr size_t kSlabBlocks = 64;
   static constexpr size_t kMaxBlocks = 2048;
   uint8_t* newBlock();
@@ -54,7 +56,8 @@ class gxsBlockCache final : public pdFile {
   std::unique_ptr<pdFile> file_;
   // Whole blocks inside the file, by index, equal to the file's bytes.
   std::unordered_map<uint64_t, uint8_t*> blocks_;
-  std::vector<uint8_t*> slabs_;
+  std::vector<std::pair<uint8_t*, size_t>> slabs_;  // memory, blocks
+  size_t slabUsed_ = 0;   // blocks carved from the last slab
   size_t handedOut_ = 0;  // blocks carved so far (dropped ones included)
 };
 
