@@ -22,6 +22,7 @@
 #include "engine/gxdFormat.h"
 #include "platform/gxPlatform.h"
 #include "porting/gxdFile.h"
+#include "porting/gxdTable.h"
 #include "service/gxsBlockCache.h"
 
 class gxsDocFile {
@@ -248,7 +249,7 @@ class gxsDocFile {
   bool corrupt_ = false;
   bool changed_ = false;
   bool transacted_ = false;
-  std::vector<uint8_t> protected_;     // sectors the file's state uses
+  pdBytes protected_;                  // sectors the file's state uses
   std::vector<uint32_t> pendingZero_;  // freed, but the committed state's
   std::vector<uint32_t> taken_;        // sectors taken since the last switch
   uint64_t committedBytes_ = 0;        // file length at the last commit
@@ -257,14 +258,14 @@ class gxsDocFile {
   gxdFileHeader header_;
   bool headerDirty_ = false;
 
-  std::vector<uint32_t> fat_;           // whole FAT, entries of all FAT sectors
+  pdTable fat_;                         // whole FAT, entries of all FAT sectors
   std::vector<uint32_t> fatSectors_;    // where each FAT sector lives
   std::vector<bool> fatDirty_;          // per FAT sector
   std::vector<uint32_t> difatSectors_;  // the DIFAT chain
   bool difatDirty_ = false;
   uint32_t freeHint_ = 0;  // no free sector below this
 
-  std::vector<uint32_t> miniFat_;
+  pdTable miniFat_;
   std::vector<uint32_t> miniFatChain_;  // sectors of the MiniFAT
   std::vector<bool> miniFatDirty_;      // per MiniFAT sector
   uint32_t miniFreeHint_ = 0;
