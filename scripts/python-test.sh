@@ -12,7 +12,7 @@ shift || true
 
 report() {
   echo "$1"
-  [[ -n $summary ]] && echo "$1" >>"$summary"
+  if [[ -n $summary ]]; then echo "$1" >>"$summary"; fi
 }
 
 if ! python=$(bash scripts/python-env.sh); then

@@ -58,7 +58,8 @@ def main():
         before, (a, b) = open(f, "rb").read(), [p[0] for p in model if len(p) == 1][:2]
         for args, code in [(["mv", a, "a" * 32], 1), (["mv", a, "bad/name"], 1), (["mv", a, b], 1),
                            (["put", "missing", "/nonexistent"], 2), (["rm", "no such element"], 2),
-                           (["put", "x" * 40], 1)]:
+                           (["put", "x" * 40], 1)] + [
+                          (["put", "/".join(p)], 1) for p in model if model[p] is None][:2]:
             run(args[0], f, *args[1:], code=code)
         expect(open(f, "rb").read() == before, "%s changed by refused edits" % fixture)
         # gsf, another independent reader, lists every element of the edited file.

@@ -141,6 +141,13 @@ int runPut(const Args& args) {
   if (int code = edit.open(args[1], true)) return code;
   Ref<IStream> stream;
   std::vector<OLECHAR> name = edit.last();
+  // Creating over a storage would replace it and all below it: refused, as
+  // the caller asked to write one stream.
+  Ref<IStorage> existing;
+  if (edit.holder()->OpenStorage(name.data(), nullptr, kChildMode, nullptr, 0,
+                                 &existing.p) == S_OK)
+    return fail(kExitUsage, args[0] + ": " + args[1] + ": is a storage");
+  existing.reset();
   HRESULT hr = edit.holder()->CreateStream(
       name.data(), kChildMode | STGM_CREATE, 0, 0, &stream.p);
   if (hr != S_OK) return failed(args[0] + ": " + edit.lastText(), hr);
