@@ -100,7 +100,8 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
       int width;
       HRESULT expected;
     };
-    const HRESULT kCorrupt = STG_E_DOCFILECORRUPT, kHeader = STG_E_INVALIDHEADER;
+    const HRESULT kCorrupt = STG_E_DOCFILECORRUPT,
+                  kHeader = STG_E_INVALIDHEADER;
     // clang-format off
     const Edit edits[] = {
         {"signature", 0, 0, 1, STG_E_FILEALREADYEXISTS},
@@ -158,8 +159,8 @@ TEST(ServiceCorruption, ChainsPastTheEndOfTheFileAreRefused) {
     gxTestFileBuilder b = sample(version);
     const std::string base = b.build();
     const uint32_t past = static_cast<uint32_t>(base.size() / b.sectorSize) + 2;
-    const uint32_t bigEnd =
-        b.entries[11].startSector + (5000 + b.sectorSize - 1) / b.sectorSize - 1;
+    const uint32_t bigEnd = b.entries[11].startSector +
+                            (5000 + b.sectorSize - 1) / b.sectorSize - 1;
     for (uint32_t last : {b.directorySectors.back(), bigEnd}) {
       std::string f = base;
       gxPutU32(f, b.fatEntryOffset(last), past);

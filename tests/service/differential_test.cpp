@@ -215,98 +215,103 @@ using Answer = const std::string&;
 // on its side so that both files stay alike. Entries without `applies` are
 // calls the platform's service is not asked at all (it fails to answer as
 // documented and would spoil the rest of the sequence): the harness answers
-// for it.
+// for it. `what` names the deviation; the comment above each says more.
 const struct Deviation {
   const char* what;
   bool (*applies)(const Call&, Answer platform);
   const char* ours;
   std::string (*mask)(std::string);
 } kDeviations[] = {
-    {"names of 32 units and more, empty ones, and new names holding '/', "
-     "'\\', ':' or '!' are refused with STG_E_INVALIDNAME (the format's rule) "
-     "before anything else is looked at; ole32 under Wine accepts some (the "
-     "harness removes what it created, and answers for RenameElement and "
-     "MoveElementTo, which write a long name over the entry's sibling "
-     "links), and looks others up",
-     illegalName, "800300FC", nullptr},
-    {"objects opened through a storage object that was released since answer "
-     "STG_E_REVERTED; ole32 under Wine keeps them working, so on its side "
-     "the harness puts reverted objects (of a scratch file) in their place",
-     nullptr, nullptr, nullptr},
-    {"access is enforced: an object opened for writing only is not read "
-     "(Read, CopyTo, MoveElementTo, EnumElements), no element is opened "
-     "with access its storage lacks, and nothing is created in (or copied "
-     "into) a storage opened for reading: STG_E_ACCESSDENIED; ole32 under "
-     "Wine reads write-only objects, looks a new name up first, and compares "
-     "access modes as numbers (READ < WRITE < READWRITE), answering "
-     "STG_E_INVALIDFLAG from OpenStream",
-     accessEnforced, "80030005", nullptr},
-    {"a seek before the start of a stream fails with STG_E_INVALIDFUNCTION, "
-     "as documented; ole32 under Wine moves to the position taken modulo 2^64",
+    // Names of 32 units and more, empty ones, and new names holding '/',
+    // '\', ':' or '!' are refused with STG_E_INVALIDNAME (the format's
+    // rule) before anything else is looked at; ole32 under Wine accepts some
+    // (the harness removes what it created, and answers for RenameElement
+    // and MoveElementTo, which write a long name over the entry's sibling
+    // links), and looks others up.
+    {"illegal names", illegalName, "800300FC", nullptr},
+    // Objects opened through a storage object that was released since
+    // answer STG_E_REVERTED; ole32 under Wine keeps them working, so on its
+    // side the harness puts reverted objects (of a scratch file) in their
+    // place.
+    {"orphans reverted", nullptr, nullptr, nullptr},
+    // Access is enforced: an object opened for writing only is not read
+    // (Read, CopyTo, MoveElementTo, EnumElements), no element is opened with
+    // access its storage lacks, and nothing is created in (or copied into) a
+    // storage opened for reading: STG_E_ACCESSDENIED; ole32 under Wine reads
+    // write-only objects, looks a new name up first, and compares access
+    // modes as numbers (READ < WRITE < READWRITE), answering
+    // STG_E_INVALIDFLAG from OpenStream.
+    {"access enforced", accessEnforced, "80030005", nullptr},
+    // A seek before the start of a stream fails with STG_E_INVALIDFUNCTION,
+    // as documented; ole32 under Wine moves to the position modulo 2^64.
+    {"seek before the start",
      [](const Call& c, Answer platform) {
        return c.op == kSeek && c.n < 0 && platform.size() > 9 &&
               std::strtoull(platform.c_str() + 9, nullptr, 10) >> 63;
      },
      "80030001", nullptr},
-    {"CopyTo into a storage opened for reading is refused even when there "
-     "is nothing to copy but the class (see below); CopyTo and MoveElementTo "
-     "give the target the source's class, which ole32 under Wine leaves as "
-     "it was, so the harness sets it on its side",
-     nullptr, nullptr, nullptr},
-    {"IStream::CopyTo into a stream that refuses the write answers what the "
-     "target answered (STG_E_REVERTED, STG_E_ACCESSDENIED); ole32 under Wine "
-     "answers STG_E_MEDIUMFULL",
+    // CopyTo into a storage opened for reading is refused even when there is
+    // nothing to copy but the class (see below); CopyTo and MoveElementTo
+    // give the target the source's class, which ole32 under Wine leaves as
+    // it was, so the harness sets it on its side.
+    {"copies carry the class", nullptr, nullptr, nullptr},
+    // IStream::CopyTo into a stream that refuses the write answers what the
+    // target answered (STG_E_REVERTED, STG_E_ACCESSDENIED); ole32 under Wine
+    // answers STG_E_MEDIUMFULL.
+    {"stream copy failures",
      [](const Call& c, Answer platform) {
        return c.op == kStreamCopy && platform == "80030070";
      },
      "80030102|80030005", nullptr},
-    {"state bits are kept in the element's directory entry, as documented: "
-     "they survive a reopen and show in enumerations and copies (CopyTo and "
-     "MoveElementTo give the target the source's); ole32 under Wine keeps "
-     "them in the open object only (compared right after SetStateBits)",
-     [](const Call&, Answer) { return true; }, nullptr,
+    // State bits are kept in the element's directory entry, as documented:
+    // they survive a reopen and show in enumerations and copies (CopyTo and
+    // MoveElementTo give the target the source's); ole32 under Wine keeps
+    // them in the open object only (compared right after SetStateBits).
+    {"state bits kept", [](const Call&, Answer) { return true; }, nullptr,
      [](std::string r) { return blank(r, " b"); }},
-    {"names that differ only in the case of letters beyond ASCII (e acute, "
-     "E acute) are one name, as the platform folds them; ole32 under Wine "
-     "folds ASCII only, so the generator's names hold no such pair",
-     nullptr, nullptr, nullptr},
-    {"Stat of a root storage gives size 0 like every storage; ole32 under "
-     "Wine gives the size of the mini stream",
+    // Names that differ only in the case of letters beyond ASCII (e acute, E
+    // acute) are one name, as the platform folds them; ole32 under Wine
+    // folds ASCII only, so the generator's names hold no such pair.
+    {"case beyond ASCII", nullptr, nullptr, nullptr},
+    // Stat of a root storage gives size 0 like every storage; ole32 under
+    // Wine gives the size of the mini stream.
+    {"root size",
      [](const Call& c, Answer) {
        return (c.op == kStatStorage && c.p == 0) || c.op == kOps;
      },
      nullptr, [](std::string r) { return blank(r, " t1 n"); }},
-    {"SetElementTimes stores the creation and modification times of a "
-     "storage, which show in Stat and enumerations (a stream's it drops: the "
-     "format keeps none); ole32 under Wine answers S_OK and drops them (even "
-     "for missing elements), so the harness answers for it as documented",
-     [](const Call&, Answer) { return true; }, nullptr,
+    // SetElementTimes stores the creation and modification times of a
+    // storage, which show in Stat and enumerations (a stream's it drops: the
+    // format keeps none); ole32 under Wine answers S_OK and drops them (even
+    // for missing elements), so the harness answers for it as documented.
+    {"times kept", [](const Call&, Answer) { return true; }, nullptr,
      [](std::string r) { return blank(r, " @"); }},
-    {"what SetSize or a Write past the end adds to a stream reads as zeros; "
-     "the platform leaves it undefined (ole32 under Wine shows bytes the "
-     "file held before), so the harness writes the zeros on its side",
-     nullptr, nullptr, nullptr},
-    {"SetClass and SetStateBits on a storage opened for reading answer "
-     "STG_E_ACCESSDENIED; ole32 under Wine changes the open object and "
-     "answers STG_E_WRITEFAULT, so the harness answers for it; Commit there "
-     "answers S_OK (nothing to write), Wine STG_E_WRITEFAULT",
+    // What SetSize or a Write past the end adds to a stream reads as zeros;
+    // the platform leaves it undefined (ole32 under Wine shows bytes the file
+    // held before), so the harness writes the zeros on its side.
+    {"gaps read as zeros", nullptr, nullptr, nullptr},
+    // SetClass and SetStateBits on a storage opened for reading answer
+    // STG_E_ACCESSDENIED; ole32 under Wine changes the open object and
+    // answers STG_E_WRITEFAULT, so the harness answers for it; Commit there
+    // answers S_OK (nothing to write), Wine STG_E_WRITEFAULT.
+    {"read-only storage",
      [](const Call& c, Answer) {
        return c.op == kCommit && c.m == 0 && !c.writable;
      },
      "00000000", nullptr},
-    {"RenameElement in a storage opened for reading answers "
-     "STG_E_ACCESSDENIED; ole32 under Wine renames there all the same, and "
-     "never returns when the file is read-only",
-     nullptr, nullptr, nullptr},
-    {"CreateStorage in a mode it refuses leaves nothing behind; ole32 under "
-     "Wine leaves the new storage, which the harness removes",
-     nullptr, nullptr, nullptr},
-    {"Commit and CopyTo on (or into) a reverted storage answer "
-     "STG_E_REVERTED; ole32 under Wine crashes there",
-     nullptr, nullptr, nullptr},
-    {"MoveElementTo works as documented; ole32 under Wine answers E_NOTIMPL, "
-     "so on its side the harness moves with open, create, CopyTo and destroy",
-     nullptr, nullptr, nullptr},
+    // RenameElement in a storage opened for reading answers
+    // STG_E_ACCESSDENIED; ole32 under Wine renames there all the same, and
+    // never returns when the file is read-only.
+    {"rename in a read-only storage", nullptr, nullptr, nullptr},
+    // CreateStorage in a mode it refuses leaves nothing behind; ole32 under
+    // Wine leaves the new storage, which the harness removes.
+    {"refused storage not left", nullptr, nullptr, nullptr},
+    // Commit and CopyTo on (or into) a reverted storage answer
+    // STG_E_REVERTED; ole32 under Wine crashes there.
+    {"reverted storage", nullptr, nullptr, nullptr},
+    // MoveElementTo works as documented; ole32 under Wine answers E_NOTIMPL,
+    // so on its side the harness moves with open, create, CopyTo and destroy.
+    {"move", nullptr, nullptr, nullptr},
 };
 
 // ---- the two services ----
