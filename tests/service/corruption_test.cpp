@@ -135,6 +135,7 @@ TEST(ServiceCorruption, TruncationsEditsAndRandomBytes) {
         {"two streams share a chain", entry(3, 116), 0, 4, kCorrupt},
         {"large stream chain ends early", fat(b.entries[11].startSector), kEnd, 4, kCorrupt},
         {"large stream chain loops", fat(b.entries[11].startSector + 1), b.entries[11].startSector, 4, kCorrupt},
+        {"a small stream on another's last mini sector", entry(3, 116), b.entries[2].startSector + 46, 4, kCorrupt, entry(3, 120), 10},
         {"directory chain past the end", fat(b.directorySectors.back()), past, 4, kCorrupt, fat(past), kEnd},
         {"stream chain past the end", fat(bigEnd), past, 4, kCorrupt, fat(past), kEnd},
     };
