@@ -5,6 +5,7 @@
 // sibling tree; and commits cut off at every write.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <random>
@@ -243,6 +244,48 @@ TEST(ServiceDocFile, CommitCutOffAtEveryWriteLeavesTheOldOrTheNewTree) {
     }
     EXPECT_GT(sawOld, 0);
     EXPECT_GT(sawNew, 0);
+  }
+}
+
+// Removed streams leave none of their bytes in the file, whether a commit
+// saw them or not, and the space they held is taken again before the file
+// grows.
+TEST(ServiceDocFile, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
+  for (bool transacted : {false, true}) {
+    SCOPED_TRACE(transacted ? "transacted" : "direct");
+    Doc doc;
+    ASSERT_EQ(doc.open(transacted, true), S_OK);
+    std::vector<size_t> sizes;
+    std::vector<uint32_t> removed;
+    uint32_t id = 0, done = 0;
+    auto add = [&](const char16_t* name, char c, uint32_t size) {
+      const std::string data(size, c);
+      return doc.file->addEntry(0, name, kObjStream, id) == S_OK &&
+             doc.file->writeStream(id, 0, data.data(), size, done) == S_OK;
+    };
+    auto remove = [&](const char16_t* name) {
+      removed.clear();
+      return doc.file->find(0, name, id) == S_OK &&
+             doc.file->removeEntry(0, id, removed) == S_OK;
+    };
+    auto holds = [&](char c) {
+      return std::search_n(doc.bytes->bytes.begin(), doc.bytes->bytes.end(), 64,
+                           uint8_t(c)) != doc.bytes->bytes.end();
+    };
+    for (int round = 0; round < 3; ++round) {
+      ASSERT_TRUE(add(u"gone", 'Q', 100000) && add(u"tiny", 'Z', 3000) &&
+                  add(u"keep", 'K', 5000));
+      ASSERT_TRUE(remove(u"gone") && remove(u"tiny"));
+      ASSERT_EQ(doc.file->commit(), S_OK);
+      EXPECT_FALSE(holds('Q') || holds('Z'));
+      ASSERT_TRUE(add(u"big", 'R', 100000));
+      ASSERT_EQ(doc.file->commit(), S_OK);
+      sizes.push_back(doc.bytes->bytes.size());
+      ASSERT_TRUE(remove(u"big") && remove(u"keep"));
+      ASSERT_EQ(doc.file->commit(), S_OK);
+      EXPECT_FALSE(holds('R') || holds('K'));
+    }
+    EXPECT_EQ(sizes[2], sizes[1]);
   }
 }
 
