@@ -34,9 +34,8 @@ const OLECHAR* w(const Units& s) {
 }
 Units up(Units s) {  // folding as far as the generator's names need it
   for (char16_t& c : s)
-    c = (c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7)
-            ? c - 32
-            : c;
+    if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7))
+      c -= 32;
   return s;
 }
 std::string hex(uint64_t v, int digits = 8) {
@@ -215,98 +214,103 @@ using Answer = const std::string&;
 // on its side so that both files stay alike. Entries without `applies` are
 // calls the platform's service is not asked at all (it fails to answer as
 // documented and would spoil the rest of the sequence): the harness answers
-// for it.
+// for it. `what` names the deviation; the comment above each says more.
 const struct Deviation {
   const char* what;
   bool (*applies)(const Call&, Answer platform);
   const char* ours;
   std::string (*mask)(std::string);
 } kDeviations[] = {
-    {"names of 32 units and more, empty ones, and new names holding '/', "
-     "'\\', ':' or '!' are refused with STG_E_INVALIDNAME (the format's rule) "
-     "before anything else is looked at; ole32 under Wine accepts some (the "
-     "harness removes what it created, and answers for RenameElement and "
-     "MoveElementTo, which write a long name over the entry's sibling "
-     "links), and looks others up",
-     illegalName, "800300FC", nullptr},
-    {"objects opened through a storage object that was released since answer "
-     "STG_E_REVERTED; ole32 under Wine keeps them working, so on its side "
-     "the harness puts reverted objects (of a scratch file) in their place",
-     nullptr, nullptr, nullptr},
-    {"access is enforced: an object opened for writing only is not read "
-     "(Read, CopyTo, MoveElementTo, EnumElements), no element is opened "
-     "with access its storage lacks, and nothing is created in (or copied "
-     "into) a storage opened for reading: STG_E_ACCESSDENIED; ole32 under "
-     "Wine reads write-only objects, looks a new name up first, and compares "
-     "access modes as numbers (READ < WRITE < READWRITE), answering "
-     "STG_E_INVALIDFLAG from OpenStream",
-     accessEnforced, "80030005", nullptr},
-    {"a seek before the start of a stream fails with STG_E_INVALIDFUNCTION, "
-     "as documented; ole32 under Wine moves to the position taken modulo 2^64",
+    // Names of 32 units and more, empty ones, and new names holding '/',
+    // '\', ':' or '!' are refused with STG_E_INVALIDNAME (the format's
+    // rule) before anything else is looked at; ole32 under Wine accepts some
+    // (the harness removes what it created, and answers for RenameElement
+    // and MoveElementTo, which write a long name over the entry's sibling
+    // links), and looks others up.
+    {"illegal names", illegalName, "800300FC", nullptr},
+    // Objects opened through a storage object that was released since
+    // answer STG_E_REVERTED; ole32 under Wine keeps them working, so on its
+    // side the harness puts reverted objects (of a scratch file) in their
+    // place.
+    {"orphans reverted", nullptr, nullptr, nullptr},
+    // Access is enforced: an object opened for writing only is not read
+    // (Read, CopyTo, MoveElementTo, EnumElements), no element is opened with
+    // access its storage lacks, and nothing is created in (or copied into) a
+    // storage opened for reading: STG_E_ACCESSDENIED; ole32 under Wine reads
+    // write-only objects, looks a new name up first, and compares access
+    // modes as numbers (READ < WRITE < READWRITE), answering
+    // STG_E_INVALIDFLAG from OpenStream.
+    {"access enforced", accessEnforced, "80030005", nullptr},
+    // A seek before the start of a stream fails with STG_E_INVALIDFUNCTION,
+    // as documented; ole32 under Wine moves to the position modulo 2^64.
+    {"seek before the start",
      [](const Call& c, Answer platform) {
        return c.op == kSeek && c.n < 0 && platform.size() > 9 &&
               std::strtoull(platform.c_str() + 9, nullptr, 10) >> 63;
      },
      "80030001", nullptr},
-    {"CopyTo into a storage opened for reading is refused even when there "
-     "is nothing to copy but the class (see below); CopyTo and MoveElementTo "
-     "give the target the source's class, which ole32 under Wine leaves as "
-     "it was, so the harness sets it on its side",
-     nullptr, nullptr, nullptr},
-    {"IStream::CopyTo into a stream that refuses the write answers what the "
-     "target answered (STG_E_REVERTED, STG_E_ACCESSDENIED); ole32 under Wine "
-     "answers STG_E_MEDIUMFULL",
+    // CopyTo into a storage opened for reading is refused even when there is
+    // nothing to copy but the class (see below); CopyTo and MoveElementTo
+    // give the target the source's class, which ole32 under Wine leaves as
+    // it was, so the harness sets it on its side.
+    {"copies carry the class", nullptr, nullptr, nullptr},
+    // IStream::CopyTo into a stream that refuses the write answers what the
+    // target answered (STG_E_REVERTED, STG_E_ACCESSDENIED); ole32 under Wine
+    // answers STG_E_MEDIUMFULL.
+    {"stream copy failures",
      [](const Call& c, Answer platform) {
        return c.op == kStreamCopy && platform == "80030070";
      },
      "80030102|80030005", nullptr},
-    {"state bits are kept in the element's directory entry, as documented: "
-     "they survive a reopen and show in enumerations and copies (CopyTo and "
-     "MoveElementTo give the target the source's); ole32 under Wine keeps "
-     "them in the open object only (compared right after SetStateBits)",
-     [](const Call&, Answer) { return true; }, nullptr,
+    // State bits are kept in the element's directory entry, as documented:
+    // they survive a reopen and show in enumerations and copies (CopyTo and
+    // MoveElementTo give the target the source's); ole32 under Wine keeps
+    // them in the open object only (compared right after SetStateBits).
+    {"state bits kept", [](const Call&, Answer) { return true; }, nullptr,
      [](std::string r) { return blank(r, " b"); }},
-    {"names that differ only in the case of letters beyond ASCII (e acute, "
-     "E acute) are one name, as the platform folds them; ole32 under Wine "
-     "folds ASCII only, so the generator's names hold no such pair",
-     nullptr, nullptr, nullptr},
-    {"Stat of a root storage gives size 0 like every storage; ole32 under "
-     "Wine gives the size of the mini stream",
+    // Names that differ only in the case of letters beyond ASCII (e acute, E
+    // acute) are one name, as the platform folds them; ole32 under Wine
+    // folds ASCII only, so the generator's names hold no such pair.
+    {"case beyond ASCII", nullptr, nullptr, nullptr},
+    // Stat of a root storage gives size 0 like every storage; ole32 under
+    // Wine gives the size of the mini stream.
+    {"root size",
      [](const Call& c, Answer) {
        return (c.op == kStatStorage && c.p == 0) || c.op == kOps;
      },
      nullptr, [](std::string r) { return blank(r, " t1 n"); }},
-    {"SetElementTimes stores the creation and modification times of a "
-     "storage, which show in Stat and enumerations (a stream's it drops: the "
-     "format keeps none); ole32 under Wine answers S_OK and drops them (even "
-     "for missing elements), so the harness answers for it as documented",
-     [](const Call&, Answer) { return true; }, nullptr,
+    // SetElementTimes stores the creation and modification times of a
+    // storage, which show in Stat and enumerations (a stream's it drops: the
+    // format keeps none); ole32 under Wine answers S_OK and drops them (even
+    // for missing elements), so the harness answers for it as documented.
+    {"times kept", [](const Call&, Answer) { return true; }, nullptr,
      [](std::string r) { return blank(r, " @"); }},
-    {"what SetSize or a Write past the end adds to a stream reads as zeros; "
-     "the platform leaves it undefined (ole32 under Wine shows bytes the "
-     "file held before), so the harness writes the zeros on its side",
-     nullptr, nullptr, nullptr},
-    {"SetClass and SetStateBits on a storage opened for reading answer "
-     "STG_E_ACCESSDENIED; ole32 under Wine changes the open object and "
-     "answers STG_E_WRITEFAULT, so the harness answers for it; Commit there "
-     "answers S_OK (nothing to write), Wine STG_E_WRITEFAULT",
+    // What SetSize or a Write past the end adds to a stream reads as zeros;
+    // the platform leaves it undefined (ole32 under Wine shows bytes the file
+    // held before), so the harness writes the zeros on its side.
+    {"gaps read as zeros", nullptr, nullptr, nullptr},
+    // SetClass and SetStateBits on a storage opened for reading answer
+    // STG_E_ACCESSDENIED; ole32 under Wine changes the open object and
+    // answers STG_E_WRITEFAULT, so the harness answers for it; Commit there
+    // answers S_OK (nothing to write), Wine STG_E_WRITEFAULT.
+    {"read-only storage",
      [](const Call& c, Answer) {
        return c.op == kCommit && c.m == 0 && !c.writable;
      },
      "00000000", nullptr},
-    {"RenameElement in a storage opened for reading answers "
-     "STG_E_ACCESSDENIED; ole32 under Wine renames there all the same, and "
-     "never returns when the file is read-only",
-     nullptr, nullptr, nullptr},
-    {"CreateStorage in a mode it refuses leaves nothing behind; ole32 under "
-     "Wine leaves the new storage, which the harness removes",
-     nullptr, nullptr, nullptr},
-    {"Commit and CopyTo on (or into) a reverted storage answer "
-     "STG_E_REVERTED; ole32 under Wine crashes there",
-     nullptr, nullptr, nullptr},
-    {"MoveElementTo works as documented; ole32 under Wine answers E_NOTIMPL, "
-     "so on its side the harness moves with open, create, CopyTo and destroy",
-     nullptr, nullptr, nullptr},
+    // RenameElement in a storage opened for reading answers
+    // STG_E_ACCESSDENIED; ole32 under Wine renames there all the same, and
+    // never returns when the file is read-only.
+    {"rename in a read-only storage", nullptr, nullptr, nullptr},
+    // CreateStorage in a mode it refuses leaves nothing behind; ole32 under
+    // Wine leaves the new storage, which the harness removes.
+    {"refused storage not left", nullptr, nullptr, nullptr},
+    // Commit and CopyTo on (or into) a reverted storage answer
+    // STG_E_REVERTED; ole32 under Wine crashes there.
+    {"reverted storage", nullptr, nullptr, nullptr},
+    // MoveElementTo works as documented; ole32 under Wine answers E_NOTIMPL,
+    // so on its side the harness moves with open, create, CopyTo and destroy.
+    {"move", nullptr, nullptr, nullptr},
 };
 
 // ---- the two services ----
@@ -409,14 +413,15 @@ bool reverted(T* object) {
 // slot), create its copy under the new name (refused when the name is
 // taken), give it the class, copy, and destroy the original when moving.
 // An open element, or one in a storage opened for reading, is not moved.
-HRESULT emulateMove(Side& x, IStorage* from, const Units& name, IStorage* to,
-                    const Units& newName, DWORD flag, int open, bool writable) {
-  IStorage *src = nullptr, *dst = nullptr;
+HRESULT emulateMove(Side& x, const Call& c) {
+  IStorage *from = x.stg[c.p], *to = x.stg[c.q], *src = nullptr, *dst = nullptr;
+  const Units &name = c.a, &newName = c.b;
+  const int open = c.open;
   IStream *s = nullptr, *d = nullptr;
   const DWORD ro = STGM_READ | STGM_SHARE_EXCLUSIVE;
   HRESULT r = S_OK;
   LARGE_INTEGER start{};
-  if (flag == STGMOVE_MOVE && (open >= 0 || !writable))
+  if (c.m == STGMOVE_MOVE && (open >= 0 || !c.writable))
     return STG_E_ACCESSDENIED;
   if (open >= kStg) r = x.stm[open - kStg]->Clone(&s);
   if (open >= 0 && open < kStg) (src = x.stg[open])->AddRef();
@@ -438,18 +443,7 @@ HRESULT emulateMove(Side& x, IStorage* from, const Units& name, IStorage* to,
             : s->CopyTo(d, all, nullptr, nullptr);
   for (IUnknown* o : std::initializer_list<IUnknown*>{src, dst, s, d})
     if (o != nullptr) o->Release();
-  return r == S_OK && flag == STGMOVE_MOVE ? from->DestroyElement(w(name)) : r;
-}
-HRESULT move(Side& x, IStorage* from, const Units& name, IStorage* to,
-             const Units& newName, DWORD flag, int open = -1,
-             bool writable = true) {
-  if (x.platform && reverted(from)) return STG_E_REVERTED;
-  if (x.platform && (illegal(name, false) || illegal(newName, true)))
-    return STG_E_INVALIDNAME;
-  const HRESULT r = from->MoveElementTo(w(name), to, w(newName), flag);
-  return r == E_NOTIMPL && x.platform
-             ? emulateMove(x, from, name, to, newName, flag, open, writable)
-             : r;
+  return r == S_OK && c.m == STGMOVE_MOVE ? from->DestroyElement(w(name)) : r;
 }
 
 // Every element of the file below `at`: storages map to their Stat record,
@@ -673,8 +667,12 @@ std::string perform(Side& x, const Call& c, int step) {
       if (x.platform && !c.writable)  // see kDeviations
         return R(reverted(g) ? STG_E_REVERTED : STG_E_ACCESSDENIED);
       return R(g->RenameElement(w(c.a), w(c.b)));
-    case kMove:
-      return R(move(x, g, c.a, h, c.b, c.m, c.open, c.writable));
+    case kMove:  // see kDeviations
+      if (x.platform && reverted(g)) return R(STG_E_REVERTED);
+      if (x.platform && (illegal(c.a, false) || illegal(c.b, true)))
+        return R(STG_E_INVALIDNAME);
+      r = g->MoveElementTo(w(c.a), h, w(c.b), c.m);
+      return R(r == E_NOTIMPL && x.platform ? emulateMove(x, c) : r);
     case kCopyTo: {
       OLECHAR* names[] = {const_cast<OLECHAR*>(w(c.a)),
                           const_cast<OLECHAR*>(w(c.b)), nullptr};
@@ -832,8 +830,6 @@ class Harness {
   HRESULT step(const Call& c, F call) {
     const std::string desc = std::to_string(seed_) + ":" + std::to_string(n_) +
                              " " + (c.op == kOps ? "read-back" : c.describe());
-    const bool verbose = std::getenv("GXSTORAGE_DIFF_VERBOSE") != nullptr;
-    if (verbose) std::printf("%s\n", desc.c_str()), std::fflush(stdout);
     std::vector<std::string> answers;
     for (Side* x : sides_) answers.push_back(call(*x, c, n_));
     ++n_;
@@ -851,8 +847,6 @@ class Harness {
         return E_FAIL;
       }
     }
-    if (verbose)
-      std::printf("  platform %s\n  ours %s\n", platform.c_str(), ours.c_str());
     if (ours == platform) return hrOf(ours);
     if (excused(c, platform, ours)) {
       if (sides_.size() > 1) undo(*sides_.front(), c, platform);
