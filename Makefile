@@ -3,7 +3,8 @@
 #   make            configure and build the release preset (build/release)
 #   make demo       build release, then run scripts/demo.sh
 #   make test       install missing packages, then run every test leg and
-#                   print one summary line per leg
+#                   print one summary line per leg, then the size of the
+#                   tests against the code (scripts/test-ratio.sh)
 #   make bench      build build/bench and print the benchmark table
 #                   (BENCH_ARGS="--repetitions 9 --only W3,W6")
 #   make format     clang-format the C++ sources in place
@@ -63,6 +64,7 @@ test: deps
 	  fi; \
 	done; \
 	bash cmake/summarize-legs.sh $(SUMMARY) $$status; \
+	bash scripts/test-ratio.sh || true; \
 	exit $$status
 
 build-dev:
