@@ -1,29 +1,36 @@
 #!/usr/bin/python3
-"""Lists every storage and stream of a compound file as read by olefile, or of
-a mirror directory that stands for the tree a test meant to write.
-
-One line per element, sorted:  <type> <path> <size> <sha256>
-  type    "storage" or "stream"
-  path    the names from the root joined with '/', each name written as the
-          hex digits of its UTF-16 code units (4 per unit), so that any name
-          survives the comparison unchanged
-  size    bytes of a stream, 0 for a storage
-  sha256  of the stream's bytes, '-' for a storage
-
-A mirror directory holds one subdirectory per storage and one file per stream,
-each named by the hex form above.
-
-Usage: olefile_dump.py FILE_OR_MIRROR_DIR
-Exit status 0 on success, 1 when olefile cannot read the file.
-"""
+# Lists every storage and stream of a compound file as read by olefile, or of
+# a mirror directory that stands for the tree a test meant to write.
+#
+# One line per element, sorted:  <type> <path> <size> <sha256>
+#   type    "storage" or "stream"
+#   path    the names from the root joined with '/', each name written as the
+#           hex digits of its UTF-16 code units (4 per unit), so that any name
+#           survives the comparison unchanged
+#   size    bytes of a stream, 0 for a storage
+#   sha256  of the stream's bytes, '-' for a storage
+#
+# A mirror directory holds one subdirectory per storage and one file per
+# stream, each named by the hex form above.
+#
+# A compound file's children trees must also be search trees in the order
+# readers look names up in: shorter names first, then code unit by code unit
+# with A-Z folded to a-z. A tree out of that order is a failed read.
+#
+# Usage: olefile_dump.py FILE_OR_MIRROR_DIR
+# Exit status 0 on success, 1 when olefile cannot read the file.
 import hashlib
 import os
 import sys
 
 
-def hex_name(name):
+def units(name):
     data = name.encode("utf-16-le", "surrogatepass")
-    return "".join("%02x%02x" % (data[i + 1], data[i]) for i in range(0, len(data), 2))
+    return [data[i] | data[i + 1] << 8 for i in range(0, len(data), 2)]
+
+
+def hex_name(name):
+    return "".join("%04x" % u for u in units(name))
 
 
 def line(kind, path, data):
@@ -38,7 +45,19 @@ def dump_compound(path):
     ole = olefile.OleFileIO(path)
     out = []
 
+    def in_order(sid):
+        if sid == olefile.NOSTREAM:
+            return []
+        e = ole.direntries[sid]
+        return in_order(e.sid_left) + [e] + in_order(e.sid_right)
+
     def walk(node, prefix):
+        keys = []
+        for kid in in_order(node.sid_child):
+            u = units(kid.name)
+            keys.append((len(u), [c + 32 if 65 <= c <= 90 else c for c in u]))
+        if keys != sorted(keys):
+            raise IOError("children of %r out of order" % (prefix or "/"))
         # Walk the children lists rather than look names up: olefile's own
         # lookup ignores case, and siblings may differ only in case.
         for kid in node.kids:
@@ -72,7 +91,7 @@ def dump_mirror(root):
 
 def main():
     if len(sys.argv) != 2:
-        sys.stderr.write(__doc__)
+        sys.stderr.write("usage: olefile_dump.py FILE_OR_MIRROR_DIR\n")
         return 2
     target = sys.argv[1]
     try:
