@@ -14,7 +14,8 @@
 
 class gxFaultBuf : public std::streambuf {
  public:
-  explicit gxFaultBuf(std::string data = std::string()) : data_(std::move(data)) {}
+  explicit gxFaultBuf(std::string data = std::string())
+      : data_(std::move(data)) {}
 
   // After this many bytes have been transferred (read and written together),
   // every further transfer fails. UINT64_MAX: never.
@@ -69,9 +70,10 @@ class gxFaultBuf : public std::streambuf {
   pos_type seekoff(off_type off, std::ios_base::seekdir dir,
                    std::ios_base::openmode) override {
     if (refuseSeeks) return pos_type(off_type(-1));
-    off_type base = dir == std::ios_base::beg   ? 0
-                    : dir == std::ios_base::cur ? static_cast<off_type>(pos_)
-                                                : static_cast<off_type>(data_.size());
+    off_type base = dir == std::ios_base::beg ? 0
+                    : dir == std::ios_base::cur
+                        ? static_cast<off_type>(pos_)
+                        : static_cast<off_type>(data_.size());
     off_type target = base + off;
     if (target < 0) return pos_type(off_type(-1));
     // Positions past the end are allowed for writing; the gap reads as zeros.

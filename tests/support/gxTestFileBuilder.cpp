@@ -22,6 +22,12 @@ uint32_t gxGetU32(const std::string& f, uint64_t at) {
   return v;
 }
 
+uint64_t gxHashBytes(const std::string& bytes) {
+  uint64_t h = 0xCBF29CE484222325ull;
+  for (unsigned char c : bytes) h = (h ^ c) * 0x100000001B3ull;
+  return h;
+}
+
 gxTestFileBuilder::gxTestFileBuilder(uint16_t version)
     : majorVersion(version), sectorShift(version == 4 ? 12 : 9) {
   Entry root;
