@@ -1,6 +1,9 @@
-// Byte edits of valid files: each must load to the documented outcome or be
-// refused cleanly (failed stream), without reading outside a table or the
-// file, without unbounded work and without allocating what the header claims.
+// The load of a file. Byte edits of valid files: each must load to the
+// documented outcome or be refused cleanly (failed stream), without reading
+// outside a table or the file, without unbounded work and without allocating
+// what the header claims. Then the directory tree as loaded: walk order,
+// skipped entries, names, and a sibling chain too long for a stack frame per
+// link.
 #include <gtest/gtest.h>
 
 #include "engine/gxdCompoundFile.h"
@@ -155,9 +158,10 @@ TEST(Corruption, EditedFilesAreRefusedOrLoadAsDocumented) {
     edits.push_back({"sector shift", 30, shift, 2, false});
   checkEdits(base, edits);
 
-  // 110 FAT sectors, the last listed by the one DIFAT sector, whose
-  // ENDOFCHAIN link ends the walk before the header's count of 5.
-  gxTestFileBuilder d = sample(3, 110);
+  // 237 FAT sectors: 127 listed by a full DIFAT sector, whose last slot
+  // links to a second one that lists the last FAT sector and ends the walk
+  // with ENDOFCHAIN before the header's count of 5.
+  gxTestFileBuilder d = sample(3, 237);
   std::string difatBase = d.build();
   gxPutU32(difatBase, 72, 5);
   const uint64_t link = d.sectorOffset(d.difatSectors[0]) + 508;
@@ -181,6 +185,61 @@ TEST(Corruption, StoragesNestedTooDeepAreRefused) {
     Loaded l(b.build());
     EXPECT_EQ(depth <= gxdCompoundFile::kMaxDirectoryDepth, l.ok()) << depth;
   }
+}
+
+template <typename Entry>
+std::u16string names(const std::vector<Entry>& v) {
+  std::u16string s;
+  for (const auto& e : v) s += e.name + u",";
+  return s;
+}
+
+TEST(Directory, WalkOrderSkippedTypesNamesAndLongChains) {
+  gxTestFileBuilder b;
+  uint32_t st = b.addStorage(0, u"St");
+  uint32_t B = b.addStream(st, u"B", "b");
+  uint32_t A = b.addStream(st, u"A", "a");
+  uint32_t C = b.addStream(st, u"C", "c");
+  // Root's children: odd (type 3, with a child) -> left X, right St, and the
+  // storage St holds B with left A and right C.
+  uint32_t odd = b.addStorage(0, u"odd");
+  uint32_t hidden = b.addStream(odd, u"hidden", "h");
+  uint32_t X = b.addStorage(0, std::u16string(40, u'x'));
+  uint32_t E = b.addStream(0, u"E", "e");
+  for (uint32_t n : {st, B, A, C, odd, hidden, X, E})
+    b.entries[n].left = b.entries[n].right = gxTestFileBuilder::kNone;
+  b.entries[0].child = odd;
+  b.entries[odd].type = 3;
+  b.entries[odd].left = X;
+  b.entries[odd].right = st;
+  b.entries[X].right = E;
+  b.entries[E].left = E;  // points back to itself: taken once
+  b.entries[E].name = u"";
+  b.entries[st].child = B;
+  b.entries[B].left = A;
+  b.entries[B].right = C;
+  b.entries[C].left = B;  // already visited
+  gxFaultStream stream(b.build());
+  gxdCompoundFile f(&stream, nullptr, true);
+  ASSERT_FALSE(stream.fail());
+  const gxdStorageEntry& root = f.rootEntry;
+  EXPECT_EQ(u"Root Entry", root.name);
+  ASSERT_EQ(2u, root.storages.size());
+  EXPECT_EQ(std::u16string(32, u'x') + u",St,", names(root.storages));
+  EXPECT_EQ(u",", names(root.streams));  // E with its empty name
+  EXPECT_EQ(u"B,A,C,", names(root.storages[1].streams));
+  EXPECT_EQ(1u, root.storages[1].streams[2].size);
+
+  SCOPED_TRACE("a chain of 100,000 right siblings");
+  gxTestFileBuilder many;
+  const uint32_t count = 100000;
+  for (uint32_t i = 0; i < count; ++i)
+    many.addStream(0, u"s" + std::u16string(1, char16_t(u'0' + i % 10)), "");
+  gxFaultStream stream2(many.build());
+  gxdCompoundFile f2(&stream2, nullptr, true);
+  ASSERT_FALSE(stream2.fail());
+  ASSERT_EQ(count, f2.rootEntry.streams.size());
+  EXPECT_EQ(u"s9", f2.rootEntry.streams[count - 1].name);
 }
 
 }  // namespace
