@@ -223,22 +223,12 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
     d.temp.buf().failAfter = d.temp.buf().transferred() + n;
     failsWithin(d, "temporary file reads fail after", n);
   }
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 4; ++i) {
     FaultDoc d;
     if (i == 0) d.out.buf().refuseSeeks = true;
-    if (i == 1) d.out.buf().refuseWrites = true;
-    if (i == 2) d.temp.buf().data().resize(100 * 512 + 3);  // cut short
-    if (i >= 3) d.lists[i == 3 ? 0 : 2].pop_back();  // last block never written
-    failsWithin(d, "refused seeks, writes, short temporary file, lost block",
-                i);
-  }
-  {
-    SCOPED_TRACE("temporary file delivering a few bytes per read");
-    FaultDoc d;
-    d.temp.buf().shortReads = 7;
-    d.save();
-    EXPECT_TRUE(d.out.good());
-    EXPECT_TRUE(d.out.buf().data() == whole);
+    if (i == 1) d.temp.buf().data().resize(100 * 512 + 3);  // cut short
+    if (i >= 2) d.lists[i == 2 ? 0 : 2].pop_back();  // last block never written
+    failsWithin(d, "refused seeks, short temporary file, lost block", i);
   }
   {
     SCOPED_TRACE("a temporary file whose writes fail refuses the blocks");
