@@ -13,25 +13,6 @@
 
 namespace {
 
-std::vector<uint8_t> pattern(size_t size, uint8_t seed) {
-  std::vector<uint8_t> out(size);
-  for (size_t i = 0; i < size; ++i)
-    out[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 9));
-  return out;
-}
-
-std::vector<uint8_t> readWhole(gxdIStorage* root, const char16_t* name) {
-  gxdIStream* s = nullptr;
-  EXPECT_EQ(root->openStream(name, &s), GX_S_OK);
-  if (s == nullptr) return {};
-  std::vector<uint8_t> out(1 << 16);
-  uint64_t done = 0;
-  s->read(out.data(), out.size(), &done);
-  out.resize(done);
-  s->release();
-  return out;
-}
-
 // A write of more than one block sent its whole blocks to the temporary
 // file without passing them through the stream's block buffer, so a later
 // flush of a partly refilled buffer wrote stale bytes past the fill where
@@ -39,27 +20,26 @@ std::vector<uint8_t> readWhole(gxdIStorage* root, const char16_t* name) {
 // inside the stream once more data follows the flush.
 TEST(FuzzRegression, FlushedPartialBlockAfterBulkWriteKeepsLastBlockTail) {
   const char16_t* path = u"fuzz_bulk_flush.gxw";
-  const std::vector<uint8_t> first = pattern(516, 0x2F);
+  std::string first(516, '\0');
+  for (size_t i = 0; i < first.size(); ++i) first[i] = char(0x2F + i * 7);
   gxdIStorage* root = nullptr;
-  ASSERT_EQ(gxdStgCreateStorage(path, 0, &root), GX_S_OK);
   gxdIStream* s = nullptr;
+  ASSERT_EQ(gxdStgCreateStorage(path, 0, &root), GX_S_OK);
   ASSERT_EQ(root->createStream(u"s", &s), GX_S_OK);
-  uint64_t written = 0;
-  ASSERT_EQ(s->write(first.data(), first.size(), &written), GX_S_OK);
+  ASSERT_EQ(s->write(first.data(), first.size(), nullptr), GX_S_OK);
   s->flush();  // block 1: 4 bytes, then bytes 4..511 of block 0
-  const uint8_t one = 0xAA;
-  ASSERT_EQ(s->write(&one, 1, &written), GX_S_OK);
+  ASSERT_EQ(s->write("\xAA", 1, nullptr), GX_S_OK);
   s->release();
   root->commit();
   root->release();
-
-  root = nullptr;
   ASSERT_EQ(gxdStgOpenStorage(path, 0, &root), GX_S_OK);
-  const std::vector<uint8_t> got = readWhole(root, u"s");
+  ASSERT_EQ(root->openStream(u"s", &s), GX_S_OK);
+  std::string got(1024, '\0');
+  uint64_t done = 0;
+  s->read(&got[0], got.size(), &done);
+  EXPECT_EQ(got.substr(0, done), first + first[4]);
+  s->release();
   root->release();
-  ASSERT_EQ(got.size(), 517u);
-  EXPECT_TRUE(std::equal(first.begin(), first.end(), got.begin()));
-  EXPECT_EQ(got[516], first[4]);
 }
 
 // Every committed fuzz input that is a file: it either fails to open or
@@ -70,24 +50,21 @@ TEST(FuzzRegression, CommittedCorpusOpensOrIsRefused) {
   for (const char* target : {"open", "entry"}) {
     const fs::path dir =
         fs::path(GXSTORAGE_TEST_SOURCE_DIR) / "fuzz" / "corpus" / target;
-    if (!fs::is_directory(dir)) continue;
     for (const fs::directory_entry& file : fs::directory_iterator(dir)) {
       SCOPED_TRACE(file.path().string());
       const std::u16string wide = file.path().u16string();
       gxdIStorage* root = nullptr;
       const gxResult opened = gxdStgOpenStorage(wide.c_str(), 0, &root);
       ++replayed;
-      if (opened != GX_S_OK) {
-        EXPECT_EQ(opened, GX_E_FAIL);
-        EXPECT_EQ(root, nullptr);
-        continue;
-      }
-      gxdFileView inspector;
-      ASSERT_EQ(inspector.open(wide.c_str()), gxdFileView::Status::kOk);
-      for (const gxdFileViewElement& e : inspector.elements()) {
-        if (e.isStorage || e.names.size() != 1) continue;
+      EXPECT_EQ(opened, root != nullptr ? GX_S_OK : GX_E_FAIL);
+      if (root == nullptr) continue;
+      gxdFileView view;
+      ASSERT_EQ(view.open(wide.c_str()), gxdFileView::Status::kOk);
+      for (const gxdFileViewElement& e : view.elements()) {
         gxdIStream* s = nullptr;
-        if (root->openStream(e.names[0].c_str(), &s) != GX_S_OK) continue;
+        if (e.isStorage || e.names.size() != 1 ||
+            root->openStream(e.names[0].c_str(), &s) != GX_S_OK)
+          continue;
         std::vector<uint8_t> buffer(4096);
         uint64_t done = 0, total = 0;
         while (s->read(buffer.data(), buffer.size(), &done) == GX_S_OK &&
