@@ -1,27 +1,22 @@
 #!/usr/bin/python3
-# Lists every storage and stream of a compound file as read by olefile, or of
-# a mirror directory that stands for the tree a test meant to write.
+# Lists every storage and stream of a compound file as read by olefile.
 #
-# One line per element, sorted:  <type> <path> <size> <sha256>
-#   type    "storage" or "stream"
-#   path    the names from the root joined with '/', each name written as the
-#           hex digits of its UTF-16 code units (4 per unit), so that any name
-#           survives the comparison unchanged
-#   size    bytes of a stream, 0 for a storage
-#   sha256  of the stream's bytes, '-' for a storage
-#
-# A mirror directory holds one subdirectory per storage and one file per
-# stream, each named by the hex form above.
+# One line per element, sorted:  <type> <path> <size> <adler32>
+#   type     "storage" or "stream"
+#   path     the names from the root joined with '/', each name written as the
+#            hex digits of its UTF-16 code units (4 per unit), so that any
+#            name survives the comparison unchanged
+#   size     bytes of a stream, 0 for a storage
+#   adler32  of the stream's bytes in 8 hex digits, '-' for a storage
 #
 # A compound file's children trees must also be search trees in the order
 # readers look names up in: shorter names first, then code unit by code unit
 # with A-Z folded to a-z. A tree out of that order is a failed read.
 #
-# Usage: olefile_dump.py FILE_OR_MIRROR_DIR
+# Usage: olefile_dump.py FILE
 # Exit status 0 on success, 1 when olefile cannot read the file.
-import hashlib
-import os
 import sys
+import zlib
 
 
 def units(name):
@@ -36,7 +31,7 @@ def hex_name(name):
 def line(kind, path, data):
     if kind == "storage":
         return "storage %s 0 -" % path
-    return "stream %s %d %s" % (path, len(data), hashlib.sha256(data).hexdigest())
+    return "stream %s %d %08x" % (path, len(data), zlib.adler32(data))
 
 
 def dump_compound(path):
@@ -76,26 +71,13 @@ def dump_compound(path):
     return out
 
 
-def dump_mirror(root):
-    out = []
-    for dirpath, dirnames, filenames in os.walk(root):
-        rel = os.path.relpath(dirpath, root)
-        prefix = "" if rel == "." else rel.replace(os.sep, "/") + "/"
-        for d in dirnames:
-            out.append(line("storage", prefix + d, b""))
-        for f in filenames:
-            with open(os.path.join(dirpath, f), "rb") as fh:
-                out.append(line("stream", prefix + f, fh.read()))
-    return out
-
-
 def main():
     if len(sys.argv) != 2:
-        sys.stderr.write("usage: olefile_dump.py FILE_OR_MIRROR_DIR\n")
+        sys.stderr.write("usage: olefile_dump.py FILE\n")
         return 2
     target = sys.argv[1]
     try:
-        lines = dump_mirror(target) if os.path.isdir(target) else dump_compound(target)
+        lines = dump_compound(target)
     except Exception as exc:  # any refusal by olefile is a failed read
         sys.stderr.write("olefile_dump: %s: %s\n" % (target, exc))
         return 1
