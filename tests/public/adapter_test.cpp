@@ -95,10 +95,14 @@ std::string narrow(const OLECHAR* s) {
   return out;
 }
 
+// A method the adapters never call.
+#define GX_UNUSED_METHOD(signature) \
+  HRESULT signature override { return E_NOTIMPL; }
+
 struct Fake : IStorage, IStream, IEnumSTATSTG {
   Fake(Log* l, DWORD k) : log(l), kind(k) { ++log->live; }
   virtual ~Fake() { --log->live; }
-  HRESULT QueryInterface(REFIID, void**) override { return E_NOTIMPL; }
+  GX_UNUSED_METHOD(QueryInterface(REFIID, void**))
   ULONG AddRef() override { return ++refs; }
   ULONG Release() override {
     if (--refs == 0) delete this;
@@ -140,30 +144,22 @@ struct Fake : IStorage, IStream, IEnumSTATSTG {
                       IStorage** s) override {
     return hand("OpenStorage", n, m, "a", STGTY_STORAGE, s);
   }
-  HRESULT CopyTo(DWORD, const IID*, SNB, IStorage*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*,
-                        DWORD) override {
-    return E_NOTIMPL;
-  }
+  GX_UNUSED_METHOD(CopyTo(DWORD, const IID*, SNB, IStorage*))
+  GX_UNUSED_METHOD(MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*,
+                                 DWORD))
   HRESULT Commit(DWORD) override {
     return log->calls.push_back("Commit"), S_OK;
   }
-  HRESULT Revert() override { return E_NOTIMPL; }
+  GX_UNUSED_METHOD(Revert())
   HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** e) override {
     return *e = new Fake(log, 0), S_OK;
   }
-  HRESULT DestroyElement(const OLECHAR*) override { return E_NOTIMPL; }
-  HRESULT RenameElement(const OLECHAR*, const OLECHAR*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*,
-                          const FILETIME*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT SetClass(REFCLSID) override { return E_NOTIMPL; }
-  HRESULT SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
+  GX_UNUSED_METHOD(DestroyElement(const OLECHAR*))
+  GX_UNUSED_METHOD(RenameElement(const OLECHAR*, const OLECHAR*))
+  GX_UNUSED_METHOD(SetElementTimes(const OLECHAR*, const FILETIME*,
+                                   const FILETIME*, const FILETIME*))
+  GX_UNUSED_METHOD(SetClass(REFCLSID))
+  GX_UNUSED_METHOD(SetStateBits(DWORD, DWORD))
   HRESULT Stat(STATSTG* info, DWORD) override {
     return record(info, kind == STGTY_STORAGE ? 'r' : 's', kind);
   }
@@ -178,17 +174,11 @@ struct Fake : IStorage, IStream, IEnumSTATSTG {
   HRESULT Seek(LARGE_INTEGER, DWORD origin, ULARGE_INTEGER*) override {
     return log->calls.push_back("Seek " + std::to_string(origin)), S_OK;
   }
-  HRESULT SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-  HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*,
-                 ULARGE_INTEGER*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return E_NOTIMPL;
-  }
-  HRESULT UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return E_NOTIMPL;
-  }
+  GX_UNUSED_METHOD(SetSize(ULARGE_INTEGER))
+  GX_UNUSED_METHOD(CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*,
+                          ULARGE_INTEGER*))
+  GX_UNUSED_METHOD(LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
+  GX_UNUSED_METHOD(UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
   HRESULT Clone(IStream** out) override {
     return *out = new Fake(log, STGTY_STREAM), S_OK;
   }
