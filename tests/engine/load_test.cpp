@@ -1,12 +1,16 @@
 // The load of a file. Byte edits of valid files: each must load to the
 // documented outcome or be refused cleanly (failed stream), without reading
 // outside a table or the file, without unbounded work and without allocating
-// what the header claims. Then the directory tree as loaded: walk order,
-// skipped entries, names, and a sibling chain too long for a stack frame per
-// link.
+// what the header claims; reads over damaged chains and a failing file fail
+// cleanly. Then the directory tree as loaded: walk order, skipped entries,
+// names, and a sibling chain too long for a stack frame per link.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <tuple>
+
 #include "engine/gxdCompoundFile.h"
+#include "portable/gxdStorage.h"
 #include "support/gxFaultStream.h"
 #include "support/gxTestFileBuilder.h"
 
@@ -21,19 +25,58 @@ struct Loaded {
   gxdCompoundFile file;
 };
 
-// Root -> storage S holding three streams that fill two MiniFAT sectors and
-// three directory sectors' worth of entries, plus a large stream.
+std::string pattern(size_t size, int seed) {
+  std::string s(size, '\0');
+  for (size_t i = 0; i < size; ++i) s[i] = char(i * 131 + seed + (i >> 8));
+  return s;
+}
+
+// Root -> storage S (entry 1) holding streams m0 to m2 (entries 2 to 4) that
+// fill two MiniFAT sectors, and three directory sectors' worth of entries,
+// plus a large stream "big" (entry 11).
 gxTestFileBuilder sample(uint16_t version, uint32_t fatSectors = 1) {
   gxTestFileBuilder b(version);
   b.minFatSectors = fatSectors;
   uint32_t s = b.addStorage(0, u"S");
   for (int i = 0; i < 3; ++i)
     b.addStream(s, u"m" + std::u16string(1, char16_t(u'0' + i)),
-                std::string(3000, char('a' + i)));
+                pattern(3000, i));
   for (int i = 0; i < 6; ++i)
     b.addStorage(s, u"e" + std::u16string(1, char16_t(u'0' + i)));
-  b.addStream(0, u"big", std::string(5000, 'z'));
+  b.addStream(0, u"big", pattern(5000, 7));
   return b;
+}
+
+// Reads streams m0 (mini) and big (regular) of the sample through the
+// portable objects, in chunks. Reads stop at S_FALSE or E_FAIL, deliver at
+// most the stream's size and, unless `anyBytes` (a chain that loops may
+// repeat a sector), only the stream's own bytes. True when a read failed.
+bool readSample(gxdIStorage* root, const gxTestFileBuilder& b, bool anyBytes) {
+  gxdIStorage* s = nullptr;
+  EXPECT_EQ(root->openStorage(u"S", &s), GX_S_OK);
+  bool failed = s == nullptr;
+  for (auto [parent, name, n] : {std::tuple{s, u"m0", 2}, {root, u"big", 11}}) {
+    gxdIStream* stream = nullptr;
+    if (parent == nullptr || parent->openStream(name, &stream) != GX_S_OK) {
+      failed = true;
+      continue;
+    }
+    const std::string& want = b.entries[n].data;
+    std::string got;
+    char chunk[700];
+    uint64_t done = 0;
+    gxResult r;
+    while ((r = stream->read(chunk, sizeof chunk, &done)) == GX_S_OK && done)
+      got.append(chunk, done);
+    EXPECT_LE(got.size(), want.size());
+    EXPECT_TRUE(anyBytes || got == want.substr(0, got.size()));
+    stream->setPosition(want.size() - 1);
+    EXPECT_LE(stream->position(), want.size());
+    failed = failed || r == GX_E_FAIL;
+    stream->release();
+  }
+  if (s != nullptr) s->release();
+  return failed;
 }
 
 TEST(Corruption, TruncatedFilesAndFailingStreams) {
@@ -167,6 +210,54 @@ TEST(Corruption, EditedFilesAreRefusedOrLoadAsDocumented) {
       {"FAT sector listed twice", 76 + 4 * 5, 0, 4, false},
   });
   // clang-format on
+}
+
+// Links of a stream's chain edited, and the file failing after n bytes:
+// reads fail or stop cleanly.
+TEST(Corruption, ReadsOverDamagedChainsOrAFailingFileFailCleanly) {
+  gxTestFileBuilder b = sample(3);
+  const std::string base = b.build();
+  const uint32_t big = b.entries[11].startSector;
+  const uint64_t fatLink = b.fatEntryOffset(big);
+  const uint64_t miniLink =
+      b.sectorOffset(b.miniFatSectors[0]) + 4 * b.entries[2].startSector;
+  const struct {
+    const char* what;
+    uint64_t at;
+    uint32_t value;
+  } cases[] = {
+      {"FAT link past the table", fatLink, 0x00FFFFFF},
+      {"FAT chain ends early", fatLink, gxTestFileBuilder::kEnd},
+      {"FAT link to a free mark", fatLink, gxTestFileBuilder::kNone},
+      {"FAT link to itself: may read, never too much", fatLink, big},
+      {"MiniFAT link past the table", miniLink, 0x00FFFFFF},
+      {"MiniFAT chain ends early", miniLink, gxTestFileBuilder::kEnd},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string f = base;
+    gxPutU32(f, c.at, c.value);
+    std::ofstream("load_test_damaged.gxw", std::ios::binary) << f;
+    gxdIStorage* root = nullptr;
+    ASSERT_EQ(gxdStgOpenStorage(u"load_test_damaged.gxw", 0, &root), GX_S_OK);
+    EXPECT_TRUE(readSample(root, b, c.value == big) || c.value == big);
+    root->release();
+  }
+  std::ofstream("load_test_sample.gxw", std::ios::binary) << base;
+  for (uint64_t n = 0; n <= base.size(); n += 7 + n / 50) {
+    SCOPED_TRACE("file fails after " + std::to_string(n) + " bytes");
+    gxFaultStream faulty(base);
+    faulty.buf().failAfter = n;
+    gxdIStorage* root = nullptr;
+    ASSERT_EQ(gxdStgOpenStorage(u"load_test_sample.gxw", 0, &root), GX_S_OK);
+    // The opened root's engine replaced by one over the failing stream; the
+    // root deletes it when released.
+    gxdStorage* r = static_cast<gxdStorage*>(root);
+    delete r->compoundFile;
+    r->compoundFile = new gxdCompoundFile(&faulty, nullptr, true);
+    if (!faulty.fail()) readSample(root, b, false);
+    root->release();
+  }
 }
 
 TEST(Corruption, StoragesNestedTooDeepAreRefused) {

@@ -1,7 +1,8 @@
-// Portable storage: result codes of opening and creating elements, ownership
-// of the tree, the temporary file's name and place, and the
-// enumerator: its snapshot of open children, their order, and the cursor
-// arithmetic of next, skip and clone.
+// The portable objects: result codes of opening and creating elements,
+// ownership of the tree, the temporary file's name and place, the limits of
+// stream writes, and the enumerator: its snapshot of open children, their
+// order, and the cursor arithmetic of next, skip and clone. Reads are tested
+// on the round-trip files and on damaged ones (tests/engine/).
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -110,6 +111,34 @@ TEST(PortableStorage, TemporaryFileNameAndPlace) {
   std::filesystem::create_directory("storage_test.d");
   makeSmallFile(u"storage_test.d/model");
   EXPECT_TRUE(std::ifstream("storage_test.$t$").good());  // beside the folder
+}
+
+// Nothing wraps: a write that would take a stream past 4 GiB or the
+// temporary file past its limit is refused before anything changes. (How
+// writes fill blocks shows in the files the round trips write byte for byte.)
+TEST(PortableStream, WritesPastTheLimitsChangeNothing) {
+  gxdIStorage* root = nullptr;
+  gxdIStream* is = nullptr;
+  ASSERT_EQ(gxdStgCreateStorage(u"stream_test_write.gxw", 0, &root), GX_S_OK);
+  ASSERT_EQ(root->createStream(u"b", &is), GX_S_OK);
+  gxdCompoundFile* cf = static_cast<gxdStorage*>(root)->compoundFile;
+  gxdStream* b = static_cast<gxdStream*>(is);
+  const std::string data(2000, 'w');
+  b->write(data.data(), 700, nullptr);
+  b->flush();
+  const size_t records = cf->pendingChanges.size();
+  uint64_t written = 7;
+  b->currentPosition = 0xFFFFFFF0u;
+  EXPECT_EQ(b->write(data.data(), 16, &written), GX_E_FAIL);
+  EXPECT_EQ(b->currentPosition, 0xFFFFFFF0u);
+  b->currentPosition = 700;
+  cf->lastTempBlock = 0x80000000u / 512 - 2;  // one block left
+  EXPECT_EQ(b->write(data.data(), 2000, &written), GX_E_FAIL);
+  EXPECT_TRUE(b->entry.size == 700 && b->tempBlocks.size() == 2 &&
+              b->bufferFill == 0 && written == 7);
+  EXPECT_EQ(cf->pendingChanges.size(), records);
+  is->release();
+  root->release();
 }
 
 std::u16string nameOf(gxdsSTATSTG& record) {
