@@ -24,17 +24,7 @@ def units(name):
     return [data[i] | data[i + 1] << 8 for i in range(0, len(data), 2)]
 
 
-def hex_name(name):
-    return "".join("%04x" % u for u in units(name))
-
-
-def line(kind, path, data):
-    if kind == "storage":
-        return "storage %s 0 -" % path
-    return "stream %s %d %08x" % (path, len(data), zlib.adler32(data))
-
-
-def dump_compound(path):
+def dump(path):
     import olefile
 
     ole = olefile.OleFileIO(path)
@@ -56,15 +46,15 @@ def dump_compound(path):
         # Walk the children lists rather than look names up: olefile's own
         # lookup ignores case, and siblings may differ only in case.
         for kid in node.kids:
-            p = prefix + hex_name(kid.name)
+            p = prefix + "".join("%04x" % u for u in units(kid.name))
             if kid.entry_type == olefile.STGTY_STORAGE:
-                out.append(line("storage", p, b""))
+                out.append("storage %s 0 -" % p)
                 walk(kid, p + "/")
             elif kid.entry_type == olefile.STGTY_STREAM:
                 data = ole._open(kid.isectStart, kid.size).read() if kid.size else b""
                 if len(data) != kid.size:
                     raise IOError("short stream %s" % p)
-                out.append(line("stream", p, data))
+                out.append("stream %s %d %08x" % (p, len(data), zlib.adler32(data)))
 
     walk(ole.root, "")
     ole.close()
@@ -75,14 +65,12 @@ def main():
     if len(sys.argv) != 2:
         sys.stderr.write("usage: olefile_dump.py FILE\n")
         return 2
-    target = sys.argv[1]
     try:
-        lines = dump_compound(target)
+        lines = dump(sys.argv[1])
     except Exception as exc:  # any refusal by olefile is a failed read
-        sys.stderr.write("olefile_dump: %s: %s\n" % (target, exc))
+        sys.stderr.write("olefile_dump: %s: %s\n" % (sys.argv[1], exc))
         return 1
-    for l in sorted(lines):
-        print(l)
+    print("".join(l + "\n" for l in sorted(lines)), end="")
     return 0
 
 
