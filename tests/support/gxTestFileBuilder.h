@@ -74,10 +74,9 @@ class gxTestFileBuilder {
                std::string data);
 };
 
-// Little-endian store of the low `width` bytes of `value`, and a load.
+// Little-endian store of the low `width` bytes of `value`.
 void gxPutU32(std::string& file, uint64_t offset, uint32_t value,
               int width = 4);
-uint32_t gxGetU32(const std::string& file, uint64_t offset);
 // A 64-bit FNV-1a hash of `bytes`, for tests that compare whole files.
 uint64_t gxHashBytes(const std::string& bytes);
 
