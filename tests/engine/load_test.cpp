@@ -302,10 +302,9 @@ TEST(Directory, WalkOrderSkippedTypesNamesAndLongChains) {
   b.entries[B].left = A;
   b.entries[B].right = C;
   b.entries[C].left = B;  // already visited
-  gxFaultStream stream(b.build());
-  gxdCompoundFile f(&stream, nullptr, true);
-  ASSERT_FALSE(stream.fail());
-  const gxdStorageEntry& root = f.rootEntry;
+  Loaded l(b.build());
+  ASSERT_TRUE(l.ok());
+  const gxdStorageEntry& root = l.file.rootEntry;
   EXPECT_EQ(u"Root Entry", root.name);
   ASSERT_EQ(2u, root.storages.size());
   EXPECT_EQ(std::u16string(32, u'x') + u",St,", names(root.storages));
@@ -318,11 +317,10 @@ TEST(Directory, WalkOrderSkippedTypesNamesAndLongChains) {
   const uint32_t count = 100000;
   for (uint32_t i = 0; i < count; ++i)
     many.addStream(0, u"s" + std::u16string(1, char16_t(u'0' + i % 10)), "");
-  gxFaultStream stream2(many.build());
-  gxdCompoundFile f2(&stream2, nullptr, true);
-  ASSERT_FALSE(stream2.fail());
-  ASSERT_EQ(count, f2.rootEntry.streams.size());
-  EXPECT_EQ(u"s9", f2.rootEntry.streams[count - 1].name);
+  Loaded l2(many.build());
+  ASSERT_TRUE(l2.ok());
+  ASSERT_EQ(count, l2.file.rootEntry.streams.size());
+  EXPECT_EQ(u"s9", l2.file.rootEntry.streams[count - 1].name);
 }
 
 }  // namespace
