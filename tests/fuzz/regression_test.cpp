@@ -1,14 +1,11 @@
-// Defects the fuzz targets found, one test each, named after what broke; and
-// a replay of the committed fuzz corpus of files through the portable open,
-// so that the inputs stay harmless in every build (the Windows one included,
-// where the libFuzzer targets do not run).
+// Defects the fuzz targets found, one test each, named after what broke. The
+// committed corpus itself is replayed by the fuzz leg of make test, through
+// targets that check more than a test here would; hostile files in the
+// Windows build are the load tests' edited, truncated and failing files.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
-#include <vector>
 
-#include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
 
 namespace {
@@ -40,43 +37,6 @@ TEST(FuzzRegression, FlushedPartialBlockAfterBulkWriteKeepsLastBlockTail) {
   EXPECT_EQ(got.substr(0, done), first + first[4]);
   s->release();
   root->release();
-}
-
-// Every committed fuzz input that is a file: it either fails to open or
-// opens, lists, and reads through without crashing.
-TEST(FuzzRegression, CommittedCorpusOpensOrIsRefused) {
-  namespace fs = std::filesystem;
-  size_t replayed = 0;
-  for (const char* target : {"open", "entry"}) {
-    const fs::path dir =
-        fs::path(GXSTORAGE_TEST_SOURCE_DIR) / "fuzz" / "corpus" / target;
-    for (const fs::directory_entry& file : fs::directory_iterator(dir)) {
-      SCOPED_TRACE(file.path().string());
-      const std::u16string wide = file.path().u16string();
-      gxdIStorage* root = nullptr;
-      const gxResult opened = gxdStgOpenStorage(wide.c_str(), 0, &root);
-      ++replayed;
-      EXPECT_EQ(opened, root != nullptr ? GX_S_OK : GX_E_FAIL);
-      if (root == nullptr) continue;
-      gxdFileView view;
-      ASSERT_EQ(view.open(wide.c_str()), gxdFileView::Status::kOk);
-      for (const gxdFileViewElement& e : view.elements()) {
-        gxdIStream* s = nullptr;
-        if (e.isStorage || e.names.size() != 1 ||
-            root->openStream(e.names[0].c_str(), &s) != GX_S_OK)
-          continue;
-        std::vector<uint8_t> buffer(4096);
-        uint64_t done = 0, total = 0;
-        while (s->read(buffer.data(), buffer.size(), &done) == GX_S_OK &&
-               done > 0 && total < (uint64_t{64} << 20))
-          total += done;
-        EXPECT_LE(total, e.size);
-        s->release();
-      }
-      root->release();
-    }
-  }
-  EXPECT_GT(replayed, 10u);
 }
 
 }  // namespace
