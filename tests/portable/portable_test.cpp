@@ -1,6 +1,6 @@
 // The portable objects: result codes of opening and creating elements,
-// ownership of the tree, the temporary file's name and place, the limits of
-// stream writes, and the enumerator: its snapshot of open children, their
+// ownership of the tree, the limits of stream writes, the temporary file's
+// name and place, and the enumerator: its snapshot of open children, their
 // order, and the cursor arithmetic of next, skip and clone. Reads are tested
 // on the round-trip files and on damaged ones (tests/engine/).
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ void makeSmallFile(const char16_t* path) {
   root->release();
 }
 
-TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
+TEST(PortableStorage, ResultCodesOwnershipAndWriteLimits) {
   gxdIStorage *root = reinterpret_cast<gxdIStorage*>(0x1), *a = nullptr,
               *b = nullptr;
   gxdIStream *s = nullptr, *t = nullptr, *n = nullptr;
@@ -96,6 +96,25 @@ TEST(PortableStorage, ResultCodesOfOpenAndCreate) {
   EXPECT_TRUE(t == nullptr && b == nullptr);
   EXPECT_EQ(root->openStream(u"z", &t), GX_STG_E_FILENOTFOUND);
   ASSERT_TRUE(s->clone(&copy) && copy->clone(&again) && a->enumElements(&e));
+  SCOPED_TRACE(
+      "nothing wraps: writes past 4 GiB or the temporary file's "
+      "limit are refused before anything changes");
+  gxdStream* x = static_cast<gxdStream*>(s);
+  gxdCompoundFile* cf = x->compoundFile;
+  const std::string data(2000, 'w');
+  x->write(data.data(), 700, nullptr);
+  x->flush();
+  const size_t records = cf->pendingChanges.size();
+  done = 7;
+  x->currentPosition = 0xFFFFFFF0u;
+  EXPECT_EQ(x->write(data.data(), 16, &done), GX_E_FAIL);
+  EXPECT_EQ(x->currentPosition, 0xFFFFFFF0u);
+  x->currentPosition = 700;
+  cf->lastTempBlock = 0x80000000u / 512 - 2;  // one block left
+  EXPECT_EQ(x->write(data.data(), 2000, &done), GX_E_FAIL);
+  EXPECT_TRUE(x->entry.size == 700 && x->tempBlocks.size() == 2 &&
+              x->bufferFill == 0 && done == 7);
+  EXPECT_EQ(cf->pendingChanges.size(), records);
   s->release();
   a->release();
   root->release();
@@ -111,34 +130,6 @@ TEST(PortableStorage, TemporaryFileNameAndPlace) {
   std::filesystem::create_directory("storage_test.d");
   makeSmallFile(u"storage_test.d/model");
   EXPECT_TRUE(std::ifstream("storage_test.$t$").good());  // beside the folder
-}
-
-// Nothing wraps: a write that would take a stream past 4 GiB or the
-// temporary file past its limit is refused before anything changes. (How
-// writes fill blocks shows in the files the round trips write byte for byte.)
-TEST(PortableStream, WritesPastTheLimitsChangeNothing) {
-  gxdIStorage* root = nullptr;
-  gxdIStream* is = nullptr;
-  ASSERT_EQ(gxdStgCreateStorage(u"stream_test_write.gxw", 0, &root), GX_S_OK);
-  ASSERT_EQ(root->createStream(u"b", &is), GX_S_OK);
-  gxdCompoundFile* cf = static_cast<gxdStorage*>(root)->compoundFile;
-  gxdStream* b = static_cast<gxdStream*>(is);
-  const std::string data(2000, 'w');
-  b->write(data.data(), 700, nullptr);
-  b->flush();
-  const size_t records = cf->pendingChanges.size();
-  uint64_t written = 7;
-  b->currentPosition = 0xFFFFFFF0u;
-  EXPECT_EQ(b->write(data.data(), 16, &written), GX_E_FAIL);
-  EXPECT_EQ(b->currentPosition, 0xFFFFFFF0u);
-  b->currentPosition = 700;
-  cf->lastTempBlock = 0x80000000u / 512 - 2;  // one block left
-  EXPECT_EQ(b->write(data.data(), 2000, &written), GX_E_FAIL);
-  EXPECT_TRUE(b->entry.size == 700 && b->tempBlocks.size() == 2 &&
-              b->bufferFill == 0 && written == 7);
-  EXPECT_EQ(cf->pendingChanges.size(), records);
-  is->release();
-  root->release();
 }
 
 std::u16string nameOf(gxdsSTATSTG& record) {
@@ -172,24 +163,21 @@ TEST(PortableEnum, SnapshotOrderAndCursor) {
     EXPECT_EQ(r[i].type(), i == 0 ? GX_STGTY_STORAGE : GX_STGTY_STREAM);
     EXPECT_TRUE(low == (i == 0 ? 0u : order[i].size()) && high == 0);
   }
-  EXPECT_FALSE(empty->next(1, r, &fetched));  // the snapshot taken before
-  EXPECT_EQ(fetched, 0u);
+  // The snapshot taken before.
+  EXPECT_TRUE(!empty->next(1, r, &fetched) && fetched == 0);
   SCOPED_TRACE("next(2) over the last three: 2, 1, then false");
   gxdStgEnum* pe = static_cast<gxdStgEnum*>(e);
   pe->cursor = 3;
   EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 2);
   EXPECT_TRUE(e->next(2, r, &fetched) && fetched == 1 &&
               nameOf(r[0]) == u"\u00e9");
-  EXPECT_FALSE(e->next(2, r, &fetched));
-  EXPECT_EQ(fetched, 0u);
+  EXPECT_TRUE(!e->next(2, r, &fetched) && fetched == 0);
   SCOPED_TRACE("skip may not land on the end");
   e->reset();
   EXPECT_TRUE(e->next(0, r, &fetched) && fetched == 0);
-  EXPECT_FALSE(e->skip(6));
-  EXPECT_EQ(pe->cursor, 0u);
+  EXPECT_TRUE(!e->skip(6) && pe->cursor == 0);
   EXPECT_TRUE(e->skip(4));
-  EXPECT_FALSE(e->skip(2));
-  EXPECT_EQ(pe->cursor, 4u);
+  EXPECT_TRUE(!e->skip(2) && pe->cursor == 4);
   EXPECT_TRUE(e->next(1, r, nullptr) && nameOf(r[0]) == u"b");
   SCOPED_TRACE("a clone continues the cursor over a fresh snapshot");
   e->reset();

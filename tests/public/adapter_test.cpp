@@ -4,8 +4,6 @@
 // arithmetic and the enumerator's short batch.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
