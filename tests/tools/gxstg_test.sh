@@ -163,15 +163,12 @@ done
 # ---- Files written by Wine's ole32 (version 3 and 4) -----------------------
 # Their trees are compared with olefile's reading by the library's tests
 # (PlatformFiles); here the tool lists and extracts them whole.
-checked=0
-for f in "$src"/tests/data/*.cfb; do
-  n=$(basename "$f")
+for n in ole32_v3.cfb ole32_v4.cfb; do
+  f="$src/tests/data/$n"
   expect 0 '^Docs/Inner/deep	stream	100$' "$G" tree "$f"
   expect 0 '' "$G" extract "$f" "$work/ole32-$n"
   cmp -s "$work/ole32-$n/notes" <("$G" cat "$f" notes) || bad "$n: extract differs from cat"
-  checked=$((checked + 1))
 done
-[ $checked -ge 2 ] || bad "expected the ole32 fixtures in tests/data"
 
 [ $failures -eq 0 ] && echo "gxstg_test: all passed" || echo "gxstg_test: $failures failures"
 exit $((failures > 0))
