@@ -1,5 +1,5 @@
 // Round trips and interoperation. Seeded random trees are written through the
-// portable objects and read back by our loader and by a reference reader:
+// exported interface and read back by our loader and by a reference reader:
 // olefile natively, the platform's own service in the Windows build (Wine's
 // ole32 under Wine). Files the platform wrote (committed ones natively, fresh
 // ones under Wine) must read back through our loader as the reference reads
@@ -172,14 +172,11 @@ Tree readOurs(const std::u16string& file, uint32_t* sectorSize = nullptr) {
   for (uint64_t k = 0, busy = 1; busy > 0; ++k) {
     busy = 0;
     for (size_t i = 0; i < streams.size(); ++i) {
-      uint64_t n = 0;
       std::string& data = *streams[i].second;
+      uint64_t n = 0, ask = 1 + (k * 977 + data.size()) % 3000;
       reading[i] =
-          reading[i] &&
-          streams[i].first->read(&chunk[0], 1 + (k * 977 + data.size()) % 3000,
-                                 &n) == 0 &&
-          n > 0;
-      if (reading[i]) data.append(chunk, 0, n), ++busy;
+          reading[i] && streams[i].first->read(&chunk[0], ask, &n) == 0;
+      if (reading[i] && n > 0) data.append(chunk, 0, n), ++busy;
     }
   }
   for (auto& [s, data] : streams) {
