@@ -81,10 +81,10 @@ for seed in 1 2 3 4 5; do
   [ -e "$t/f.\$t\$" ] && bad "seed $seed: pack left its temporary file"
   "$G" tree "$t/f.cfb" | LC_ALL=C sort >"$t/tree"
   LC_ALL=C sort "$t/expected" | diff -q - "$t/tree" >/dev/null || bad "seed $seed: tree differs"
+  # cat on a few streams (each is a process); extract below compares them all.
   while IFS=$'\t' read -r path type size; do
-    [ "$type" = stream ] || continue
     "$G" cat "$t/f.cfb" "$path" | cmp -s - "$t/in/$path" || bad "seed $seed: cat '$path'"
-  done <"$t/expected"
+  done < <(grep -P '\tstream\t' "$t/expected" | head -n 3)
   expect 0 '' "$G" extract "$t/f.cfb" "$t/out"
   diff -r "$t/in" "$t/out" >/dev/null || bad "seed $seed: extract differs"
 done
