@@ -7,6 +7,8 @@
 #                   tests against the code (scripts/test-ratio.sh)
 #   make bench      build build/bench and print the benchmark table
 #                   (BENCH_ARGS="--repetitions 9 --only W3,W6")
+#   make python     install missing packages, then the gxstorage Python
+#                   package into build/python-venv
 #   make format     clang-format the C++ sources in place
 #   make clean      remove build/
 #
@@ -32,9 +34,10 @@ CTEST_ARGS ?=
 
 TEST_LEGS := test-native test-mingw
 TEST_LEGS += test-fuzz
+TEST_LEGS += test-python
 
 .PHONY: all release demo test deps test-legs build-dev build-mingw \
-        $(TEST_LEGS) fuzz format clean bench
+        $(TEST_LEGS) fuzz format clean bench python
 
 all: release
 
@@ -93,6 +96,14 @@ test-mingw: build-mingw
 bench:
 	bash scripts/bench.sh $(BENCH_ARGS)
 
+# Python: the gxstorage package installed with pip into build/python-venv,
+# then its pytest suite (tests/python).
+test-python:
+	@bash scripts/python-test.sh $(SUMMARY)
+
+python: deps
+	@bash scripts/python-env.sh
+
 # Fuzzing: replay of the committed corpus plus a bounded smoke per target.
 test-fuzz:
 	@bash scripts/fuzz.sh --smoke --summary $(SUMMARY)
@@ -103,7 +114,7 @@ fuzz:
 
 # --- housekeeping ------------------------------------------------------------
 
-FORMAT_DIRS := include public portable engine porting platform tools tests bench fuzz examples
+FORMAT_DIRS := include public portable engine porting platform tools tests bench fuzz examples python
 format:
 	@files=$$(find $(FORMAT_DIRS) -type f \( -name '*.cpp' -o -name '*.h' \) 2>/dev/null); \
 	if [ -n "$$files" ]; then clang-format -i $$files; fi

@@ -60,13 +60,22 @@ const std::vector<uint64_t>& randomOffsets();
 // ---- Scratch files -------------------------------------------------------
 struct Paths {
   std::string dir;
+  // The read workloads read the files libgsf wrote (as a user reads files
+  // other programs made) when true, else the files our library wrote.
+  bool gsfInputs = false;
   std::string file(const char* name) const { return dir + "/" + name; }
   // Inputs made once by the preparation step.
-  std::string largeFile() const { return file("w1.gxs"); }  // ours, W1 data
-  std::string largeRaw() const { return file("w1.raw"); }   // plain W1 data
-  std::string smallFile() const { return file("w2.gxs"); }  // ours, W2 data
-  std::string smallRaw() const { return file("w2.raw"); }   // W2 end to end
-  // Outputs of the write workloads, removed before every iteration.
+  std::string ownLarge() const { return file("w1.gxs"); }      // ours, W1 data
+  std::string ownSmall() const { return file("w2.gxs"); }      // ours, W2 data
+  std::string gsfLarge() const { return file("w1-gsf.gxs"); }  // libgsf's
+  std::string gsfSmall() const { return file("w2-gsf.gxs"); }
+  std::string largeRaw() const { return file("w1.raw"); }  // plain W1 data
+  std::string smallRaw() const { return file("w2.raw"); }  // W2 end to end
+  // What W3/W6 and W4/W5 read.
+  std::string largeFile() const { return gsfInputs ? gsfLarge() : ownLarge(); }
+  std::string smallFile() const { return gsfInputs ? gsfSmall() : ownSmall(); }
+  // Outputs of the write workloads (and "floor.tmp" beside the floor's),
+  // removed before every iteration.
   std::string output(const char* impl) const {
     return file((std::string("out-") + impl + ".gxs").c_str());
   }
@@ -96,9 +105,11 @@ class Timer {
 };
 
 // ---- Workloads -------------------------------------------------------------
-// One run of a workload by one implementation. Returns false with a message
-// on any failure, a byte mismatch included; `seconds` gets the timed part.
-using WorkloadFn = bool (*)(const Paths& paths, double* seconds,
+// One run of a workload by one implementation. `portable` selects our
+// library's backend (the flag of gxStgOpenStorage / gxStgCreateStorage); the
+// other implementations ignore it. Returns false with a message on any
+// failure, a byte mismatch included; `seconds` gets the timed part.
+using WorkloadFn = bool (*)(const Paths& paths, bool portable, double* seconds,
                             std::string* error);
 
 struct Implementation {
@@ -108,19 +119,30 @@ struct Implementation {
 
 const Implementation& oursImplementation();
 const Implementation& limitImplementation();
+// The floor of W1 for a writer that keeps every byte in a temporary file
+// first: the plain write of the stream, then an in-kernel copy of the same
+// bytes (copy_file_range) in the 127-sector runs that the format leaves
+// between FAT sectors. Only W1 is provided.
+const Implementation& floorImplementation();
 // Null when the benchmark was built without libgsf.
 const Implementation* gsfImplementation();
 
 // Preparation, run once before the read workloads: the W1 and W2 files
-// through our library, their plain twins, and the check of our files by an
-// independent reader when one is built in.
+// through our library and through libgsf (when built in), their plain twins,
+// and the cross-checks: our files read by libgsf, libgsf's read by ours.
 bool prepareOurs(const Paths& paths, std::string* error);
 bool prepareLimit(const Paths& paths, std::string* error);
+bool prepareGsf(const Paths& paths, std::string* error);
 bool verifyWithGsf(const Paths& paths, std::string* error);
-// Reads a W1 / W2 layout file back through our library and compares every
-// byte (used to check the outputs of the write workloads).
+// Reads a W1 / W2 layout file back through our library's portable backend
+// and compares every byte (used to check the outputs of the write workloads).
 bool verifyLargeWithOurs(const std::string& path, std::string* error);
 bool verifySmallWithOurs(const std::string& path, std::string* error);
+
+// The answer of our library's backend to a create and an open of a scratch
+// file: 0 when it works, else the first failing result (E_NOTIMPL where the
+// host has no such backend).
+int32_t probeBackend(const Paths& paths, bool portable);
 
 }  // namespace gxbench
 

@@ -203,7 +203,8 @@ bool readSmall(const std::string& path, bool probeOnly, Timer& timer,
   return ok || fail(error, "byte mismatch in a small stream");
 }
 
-bool w1(const Paths& paths, double* seconds, std::string* error) {
+bool w1(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("libgsf");
   removeOutput(out);
   Timer timer;
@@ -215,7 +216,8 @@ bool w1(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w2(const Paths& paths, double* seconds, std::string* error) {
+bool w2(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("libgsf");
   removeOutput(out);
   Timer timer;
@@ -226,28 +228,32 @@ bool w2(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w3(const Paths& paths, double* seconds, std::string* error) {
+bool w3(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readLarge(paths.largeFile(), timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w4(const Paths& paths, double* seconds, std::string* error) {
+bool w4(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readSmall(paths.smallFile(), false, timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w5(const Paths& paths, double* seconds, std::string* error) {
+bool w5(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readSmall(paths.smallFile(), true, timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w6(const Paths& paths, double* seconds, std::string* error) {
+bool w6(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   std::vector<uint8_t> data(kRandomSize);
   std::vector<uint8_t> scratch;
   GsfInfile* file = openFile(paths.largeFile(), error);
@@ -285,8 +291,21 @@ const Implementation* gsfImplementation() {
 bool verifyWithGsf(const Paths& paths, std::string* error) {
   gsfImplementation();
   Timer unused;
-  return readLarge(paths.largeFile(), unused, error) &&
-         readSmall(paths.smallFile(), false, unused, error);
+  return readLarge(paths.ownLarge(), unused, error) &&
+         readSmall(paths.ownSmall(), false, unused, error);
+}
+
+// libgsf's own W1 and W2 files, the inputs of the read workloads, checked
+// by libgsf and by our reader.
+bool prepareGsf(const Paths& paths, std::string* error) {
+  gsfImplementation();
+  Timer unused;
+  return writeLarge(paths.gsfLarge(), unused, error) &&
+         writeSmall(paths.gsfSmall(), unused, error) &&
+         readLarge(paths.gsfLarge(), unused, error) &&
+         readSmall(paths.gsfSmall(), false, unused, error) &&
+         verifyLargeWithOurs(paths.gsfLarge(), error) &&
+         verifySmallWithOurs(paths.gsfSmall(), error);
 }
 
 }  // namespace gxbench

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "gxBench.h"
 
 namespace gxbench {
@@ -126,7 +128,8 @@ bool readSmallRaw(const std::string& path, Timer& timer, std::string* error) {
   return ok || fail(error, "byte mismatch in the plain small file");
 }
 
-bool w1(const Paths& paths, double* seconds, std::string* error) {
+bool w1(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
@@ -137,7 +140,8 @@ bool w1(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w2(const Paths& paths, double* seconds, std::string* error) {
+bool w2(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("limit");
   removeOutput(out);
   Timer timer, unused;
@@ -148,14 +152,16 @@ bool w2(const Paths& paths, double* seconds, std::string* error) {
   return ok;
 }
 
-bool w3(const Paths& paths, double* seconds, std::string* error) {
+bool w3(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readLargeRaw(paths.largeRaw(), timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w4(const Paths& paths, double* seconds, std::string* error) {
+bool w4(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   Timer timer;
   if (!readSmallRaw(paths.smallRaw(), timer, error)) return false;
   *seconds = timer.seconds();
@@ -164,7 +170,8 @@ bool w4(const Paths& paths, double* seconds, std::string* error) {
 
 // Time to first byte of a plain file: open it and read the probe stream's
 // bytes where they lie.
-bool w5(const Paths& paths, double* seconds, std::string* error) {
+bool w5(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   const SmallSet& set = SmallSet::get();
   std::vector<uint8_t> data(kSmallMax);
   std::vector<uint8_t> scratch;
@@ -185,7 +192,8 @@ bool w5(const Paths& paths, double* seconds, std::string* error) {
   return true;
 }
 
-bool w6(const Paths& paths, double* seconds, std::string* error) {
+bool w6(const Paths& paths, bool /*portable*/, double* seconds,
+        std::string* error) {
   std::vector<uint8_t> data(kRandomSize);
   std::vector<uint8_t> scratch;
   const int fd = ::open(paths.largeRaw().c_str(), O_RDONLY);
@@ -210,6 +218,48 @@ bool w6(const Paths& paths, double* seconds, std::string* error) {
 }
 
 }  // namespace
+
+// Writes the W1 stream to a plain temporary file, then copies it inside the
+// kernel to the output in runs of 127 sectors, each placed one sector
+// further on, as the data of a large stream is placed between FAT sectors.
+bool w1Floor(const Paths& paths, bool /*portable*/, double* seconds,
+             std::string* error) {
+  const std::string temp = paths.file("floor.tmp");
+  const std::string out = paths.output("floor");
+  ::unlink(temp.c_str());
+  ::unlink(out.c_str());
+  Timer timer, unused;
+  bool ok = writeLargeRaw(temp, timer, error);
+  timer.start();
+  const int in = ok ? ::open(temp.c_str(), O_RDONLY) : -1;
+  const int fd = ok ? createFile(out) : -1;
+  constexpr uint64_t kRun = 127 * 512;
+  for (uint64_t at = 0; ok && in >= 0 && fd >= 0 && at < kLargeSize;
+       at += kRun) {
+    loff_t from = static_cast<loff_t>(at);
+    loff_t to = static_cast<loff_t>(at + (at / kRun + 3) * 512);
+    size_t left = static_cast<size_t>(std::min(kRun, kLargeSize - at));
+    while (ok && left > 0) {
+      const ssize_t n = ::copy_file_range(in, &from, fd, &to, left, 0);
+      ok = n > 0;
+      if (ok) left -= static_cast<size_t>(n);
+    }
+  }
+  ok = in >= 0 && fd >= 0 && ok;
+  if (in >= 0) ::close(in);
+  if (fd >= 0) ok = ::close(fd) == 0 && ok;
+  timer.stop();
+  *seconds = timer.seconds();
+  ::unlink(temp.c_str());
+  ::unlink(out.c_str());
+  return ok || fail(error, "copy failed");
+}
+
+const Implementation& floorImplementation() {
+  static const Implementation impl = {
+      "floor", {w1Floor, nullptr, nullptr, nullptr, nullptr, nullptr}};
+  return impl;
+}
 
 const Implementation& limitImplementation() {
   static const Implementation impl = {"limit", {w1, w2, w3, w4, w5, w6}};

@@ -1,4 +1,5 @@
-// The workloads through the library's exported interface, portable backend.
+// The workloads through the library's exported interface, on the backend
+// the caller names (portable or platform).
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,12 +34,13 @@ bool fail(std::string* error, const std::string& what) {
 }
 
 // Creates `path` holding the W1 stream. Only the library calls are timed.
-bool writeLarge(const std::string& path, Timer& timer, std::string* error) {
+bool writeLarge(const std::string& path, bool portable, Timer& timer,
+                std::string* error) {
   std::vector<uint8_t> chunk(kLargeChunk);
   Root root;
   timer.start();
   gxResult r =
-      gxStgCreateStorage(units(path).data(), 0x1012, &root.storage, true);
+      gxStgCreateStorage(units(path).data(), 0x1012, &root.storage, portable);
   CGxAbsStream* stream = nullptr;
   if (r == GX_S_OK)
     r = root.storage->openIStream(units(kLargeStreamName).data(), false,
@@ -60,13 +62,14 @@ bool writeLarge(const std::string& path, Timer& timer, std::string* error) {
   return true;
 }
 
-bool writeSmall(const std::string& path, Timer& timer, std::string* error) {
+bool writeSmall(const std::string& path, bool portable, Timer& timer,
+                std::string* error) {
   const SmallSet& set = SmallSet::get();
   std::vector<uint8_t> data(kSmallMax);
   Root root;
   timer.start();
   gxResult r =
-      gxStgCreateStorage(units(path).data(), 0x1012, &root.storage, true);
+      gxStgCreateStorage(units(path).data(), 0x1012, &root.storage, portable);
   timer.stop();
   if (r != GX_S_OK) return fail(error, "create failed");
   CGxAbsStorage* storage = nullptr;
@@ -95,12 +98,14 @@ bool writeSmall(const std::string& path, Timer& timer, std::string* error) {
 }
 
 // Reads the W1 stream of `path` in 64 KiB chunks, checking every byte.
-bool readLarge(const std::string& path, Timer& timer, std::string* error) {
+bool readLarge(const std::string& path, bool portable, Timer& timer,
+               std::string* error) {
   std::vector<uint8_t> chunk(kLargeChunk);
   std::vector<uint8_t> scratch;
   Root root;
   timer.start();
-  gxResult r = gxStgOpenStorage(units(path).data(), 0x10, &root.storage, true);
+  gxResult r =
+      gxStgOpenStorage(units(path).data(), 0x10, &root.storage, portable);
   CGxAbsStream* stream = nullptr;
   if (r == GX_S_OK)
     r = root.storage->openIStream(units(kLargeStreamName).data(), true,
@@ -127,14 +132,15 @@ bool readLarge(const std::string& path, Timer& timer, std::string* error) {
 
 // Reads every W2 stream of `path` (or only the probe stream), checking
 // every byte; with `probeOnly` the timer stops at the first byte delivered.
-bool readSmall(const std::string& path, bool probeOnly, Timer& timer,
-               std::string* error) {
+bool readSmall(const std::string& path, bool portable, bool probeOnly,
+               Timer& timer, std::string* error) {
   const SmallSet& set = SmallSet::get();
   std::vector<uint8_t> data(kSmallMax + 1);
   std::vector<uint8_t> scratch;
   Root root;
   timer.start();
-  gxResult r = gxStgOpenStorage(units(path).data(), 0x10, &root.storage, true);
+  gxResult r =
+      gxStgOpenStorage(units(path).data(), 0x10, &root.storage, portable);
   timer.stop();
   if (r != GX_S_OK) return fail(error, "open failed");
   CGxAbsStorage* storage = nullptr;
@@ -162,56 +168,63 @@ bool readSmall(const std::string& path, bool probeOnly, Timer& timer,
   return true;
 }
 
-bool w1(const Paths& paths, double* seconds, std::string* error) {
+bool w1(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("ours");
   removeOutput(out);
   Timer timer;
-  if (!writeLarge(out, timer, error)) return false;
+  if (!writeLarge(out, portable, timer, error)) return false;
   *seconds = timer.seconds();
   const bool ok = verifyLargeWithOurs(out, error);
   removeOutput(out);
   return ok;
 }
 
-bool w2(const Paths& paths, double* seconds, std::string* error) {
+bool w2(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   const std::string out = paths.output("ours");
   removeOutput(out);
   Timer timer;
-  if (!writeSmall(out, timer, error)) return false;
+  if (!writeSmall(out, portable, timer, error)) return false;
   *seconds = timer.seconds();
   const bool ok = verifySmallWithOurs(out, error);
   removeOutput(out);
   return ok;
 }
 
-bool w3(const Paths& paths, double* seconds, std::string* error) {
+bool w3(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   Timer timer;
-  if (!readLarge(paths.largeFile(), timer, error)) return false;
+  if (!readLarge(paths.largeFile(), portable, timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w4(const Paths& paths, double* seconds, std::string* error) {
+bool w4(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   Timer timer;
-  if (!readSmall(paths.smallFile(), false, timer, error)) return false;
+  if (!readSmall(paths.smallFile(), portable, false, timer, error))
+    return false;
   *seconds = timer.seconds();
   return true;
 }
 
-bool w5(const Paths& paths, double* seconds, std::string* error) {
+bool w5(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   Timer timer;
-  if (!readSmall(paths.smallFile(), true, timer, error)) return false;
+  if (!readSmall(paths.smallFile(), portable, true, timer, error)) return false;
   *seconds = timer.seconds();
   return true;
 }
 
 // Opening is not timed: only the seeks and reads are.
-bool w6(const Paths& paths, double* seconds, std::string* error) {
+bool w6(const Paths& paths, bool portable, double* seconds,
+        std::string* error) {
   std::vector<uint8_t> data(kRandomSize);
   std::vector<uint8_t> scratch;
   Root root;
   gxResult r = gxStgOpenStorage(units(paths.largeFile()).data(), 0x10,
-                                &root.storage, true);
+                                &root.storage, portable);
   CGxAbsStream* stream = nullptr;
   if (r == GX_S_OK)
     r = root.storage->openIStream(units(kLargeStreamName).data(), true,
@@ -243,26 +256,42 @@ const Implementation& oursImplementation() {
 
 bool prepareOurs(const Paths& paths, std::string* error) {
   Timer unused;
-  removeOutput(paths.largeFile());
-  removeOutput(paths.smallFile());
-  if (!writeLarge(paths.largeFile(), unused, error) ||
-      !writeSmall(paths.smallFile(), unused, error))
+  removeOutput(paths.ownLarge());
+  removeOutput(paths.ownSmall());
+  if (!writeLarge(paths.ownLarge(), true, unused, error) ||
+      !writeSmall(paths.ownSmall(), true, unused, error))
     return false;
   // The temporary block files are not needed by any reader.
-  ::unlink(tempFileOf(paths.largeFile()).c_str());
-  ::unlink(tempFileOf(paths.smallFile()).c_str());
-  return verifyLargeWithOurs(paths.largeFile(), error) &&
-         verifySmallWithOurs(paths.smallFile(), error);
+  ::unlink(tempFileOf(paths.ownLarge()).c_str());
+  ::unlink(tempFileOf(paths.ownSmall()).c_str());
+  return verifyLargeWithOurs(paths.ownLarge(), error) &&
+         verifySmallWithOurs(paths.ownSmall(), error);
 }
 
 bool verifyLargeWithOurs(const std::string& path, std::string* error) {
   Timer unused;
-  return readLarge(path, unused, error);
+  return readLarge(path, true, unused, error);
 }
 
 bool verifySmallWithOurs(const std::string& path, std::string* error) {
   Timer unused;
-  return readSmall(path, false, unused, error);
+  return readSmall(path, true, false, unused, error);
+}
+
+int32_t probeBackend(const Paths& paths, bool portable) {
+  const std::string path = paths.file("probe.gxs");
+  removeOutput(path);
+  Root root;
+  gxResult r =
+      gxStgCreateStorage(units(path).data(), 0x1012, &root.storage, portable);
+  if (r == GX_S_OK) {
+    root.storage->commit();
+    root.close();
+    r = gxStgOpenStorage(units(path).data(), 0x10, &root.storage, portable);
+    root.close();
+  }
+  removeOutput(path);
+  return static_cast<int32_t>(r);
 }
 
 }  // namespace gxbench

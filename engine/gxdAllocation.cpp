@@ -1,7 +1,9 @@
 // Append-only sector allocation for the save of a created file. Sectors are
-// appended at the end of the output in the order they are needed and never
+// numbered at the end of the output in the order they are needed and never
 // freed or moved; tables grow by one sector's worth at a time (amortised by
-// the vectors that hold them).
+// the vectors that hold them). Allocation writes nothing: each sector's
+// source is recorded in the layout, which the save writes out once the
+// tables are final.
 #include <istream>
 #include <ostream>
 
@@ -20,20 +22,25 @@ void gxdCompoundFile::writeOutput(uint64_t offset, const void* data,
   outputAt_ = fileStream->good() ? offset + size : UINT64_MAX;
 }
 
-uint32_t gxdCompoundFile::appendSector() {
-  writeOutput(static_cast<uint64_t>(sectorCount) * sectorSize,
-              zeroSector.data(), sectorSize);
-  uint32_t id = sectorCount - 1;
+uint32_t gxdCompoundFile::appendSector(SectorKind kind, uint64_t source) {
+  const uint32_t id = sectorCount - 1;
+  Extent* last = layout_.empty() ? nullptr : &layout_.back();
+  const uint64_t step = kind == kDataSector ? kTempBlockSize : 1;
+  if (last != nullptr && last->kind == kind &&
+      uint64_t{last->first} + last->count == id &&
+      last->source + step * last->count == source) {
+    ++last->count;
+  } else {
+    layout_.push_back(Extent{id, 1, kind, source});
+  }
   ++sectorCount;
   return id;
 }
 
 void gxdCompoundFile::startOutput() {
   if (fileStream == nullptr || outputStarted == 1) return;
-  zeroSector.assign(sectorSize, 0);
-  sectorCount = 0;
+  // Position 0 is the header's, written last by the save.
   headerPosition = 0;
-  writeOutput(0, zeroSector.data(), sectorSize);
   sectorCount = 1;
   ensureFatEntry(0);
   ensureDirectorySlot();
@@ -49,27 +56,28 @@ void gxdCompoundFile::ensureFatEntry(uint32_t sector) {
     const uint32_t k = fatSectorCount - 1;
     uint32_t f;
     if (k < kHeaderDifatSlots) {
-      f = appendSector();
+      f = appendSector(kFatSector, k);
       header.difat[k] = f;
     } else if (!difatSectors.empty() && difatSlot < e - 1) {
-      f = appendSector();
+      f = appendSector(kFatSector, k);
       difatBuffer[currentDifatSector + difatSlot] = f;
       ++difatSlot;
     } else {
       // A new DIFAT sector comes directly before the FAT sector it lists.
-      uint32_t d = appendSector();
+      uint32_t d = appendSector(kDifatSector, difatSectors.size());
       difatSectors.push_back(d);
       header.numDifatSectors = static_cast<uint32_t>(difatSectors.size());
       if (difatSectors.size() == 1) header.firstDifatSector = d;
       currentDifatSector = difatBuffer.size();
       difatBuffer.resize(difatBuffer.size() + e, kFreeSect);
       difatBuffer[currentDifatSector + e - 1] = kEndOfChain;
-      f = appendSector();
+      f = appendSector(kFatSector, k);
       difatBuffer[currentDifatSector] = f;
       difatSlot = 1;
     }
     fat.resize(fat.size() + e, kFreeSect);
-    if (static_cast<uint64_t>(f) + 1 > static_cast<uint64_t>(e) * fatSectorCount)
+    if (static_cast<uint64_t>(f) + 1 >
+        static_cast<uint64_t>(e) * fatSectorCount)
       ensureFatEntry(f);
     fat[f] = kFatSect;
   }
@@ -79,11 +87,10 @@ void gxdCompoundFile::ensureDirectorySlot() {
   if (!directorySectors.empty() &&
       nextDirectoryIndex < entriesPerSector * directorySectors.size())
     return;
-  uint32_t d = appendSector();
+  uint32_t d = appendSector(kDirectorySector, directorySectors.size());
   directorySectors.push_back(d);
-  directoryBuffer.resize(directoryBuffer.size() +
-                             entriesPerSector * kDirRecordSize,
-                         0);
+  directoryBuffer.resize(
+      directoryBuffer.size() + entriesPerSector * kDirRecordSize, 0);
   nextDirectoryIndex =
       entriesPerSector * static_cast<uint32_t>(directorySectors.size() - 1);
 }
@@ -93,7 +100,7 @@ void gxdCompoundFile::ensureMiniFatEntry(uint32_t miniSector) {
   if (!miniFatSectors.empty() &&
       miniSector < static_cast<uint64_t>(e) * miniFatSectors.size())
     return;
-  uint32_t t = appendSector();
+  uint32_t t = appendSector(kMiniFatSector, miniFatSectors.size());
   miniFatSectors.push_back(t);
   if (header.firstMiniFatSector == kEndOfChain) header.firstMiniFatSector = t;
   miniFat.resize(miniFat.size() + e, kFreeSect);
@@ -102,7 +109,7 @@ void gxdCompoundFile::ensureMiniFatEntry(uint32_t miniSector) {
 
 void gxdCompoundFile::growMiniStream() {
   ++miniStreamSectorCount;
-  uint32_t g = appendSector();
+  uint32_t g = appendSector(kMiniStreamSector, miniStreamSectors.size());
   miniStreamSectors.push_back(g);
   uint8_t* root = directoryRecord(0);
   if (root != nullptr) {
@@ -111,8 +118,9 @@ void gxdCompoundFile::growMiniStream() {
     storeU32(root + gxdDirField::kStreamSize,
              loadU32(root + gxdDirField::kStreamSize) + sectorSize);
   }
-  miniStream.resize(static_cast<size_t>(sectorSize) * miniStreamSectorCount,
-                    0);
+  // Left unset: every mini sector is filled when a small stream takes it,
+  // and the save clears what no stream took (see save()).
+  miniStream.resize(static_cast<size_t>(sectorSize) * miniStreamSectorCount);
 }
 
 uint8_t* gxdCompoundFile::directoryRecord(uint32_t index) {

@@ -39,9 +39,7 @@ void gxdCompoundFile::applyNewFileDefaults() {
   rootEntry.size = 0;
 }
 
-void gxdCompoundFile::markCorrupt() {
-  fileStream->setstate(std::ios::failbit);
-}
+void gxdCompoundFile::markCorrupt() { fileStream->setstate(std::ios::failbit); }
 
 bool gxdCompoundFile::readAt(uint64_t offset, void* data, size_t size) {
   if (!fileStream->good()) return false;
@@ -102,9 +100,9 @@ void gxdCompoundFile::load() {
   }
   fileLength_ = static_cast<uint64_t>(end);
   fileSectorCount_ =
-      fileLength_ <= sectorSize ? 0
-                                : (fileLength_ - sectorSize + sectorSize - 1) /
-                                      sectorSize;
+      fileLength_ <= sectorSize
+          ? 0
+          : (fileLength_ - sectorSize + sectorSize - 1) / sectorSize;
 
   if (!loadFat()) return;
   if (!loadMiniFat()) return;
@@ -116,9 +114,35 @@ void gxdCompoundFile::load() {
   loadMiniStream();
 }
 
-// The FAT, sector by sector in DIFAT order: first the header's 109 slots,
-// then the DIFAT sectors. A file cannot hold more FAT or DIFAT sectors than
-// it has sectors, which bounds the table by the file's length.
+bool gxdCompoundFile::readChain(const std::vector<uint32_t>& chain,
+                                uint8_t* data, uint64_t length) {
+  size_t i = 0;
+  while (i < chain.size()) {
+    size_t run = 1;
+    while (i + run < chain.size() && chain[i + run] == chain[i] + run) ++run;
+    const uint64_t from = static_cast<uint64_t>(i) * sectorSize;
+    if (from >= length) break;
+    const uint64_t n = std::min<uint64_t>(
+        static_cast<uint64_t>(run) * sectorSize, length - from);
+    if (!readAt(sectorOffset(chain[i], header.sectorShift), data + from,
+                static_cast<size_t>(n)))
+      return false;
+    i += run;
+  }
+  return true;
+}
+
+// Turns a table read as little-endian bytes into its entries, in place.
+static void decodeEntries(uint32_t* table, size_t count) {
+  uint8_t* bytes = reinterpret_cast<uint8_t*>(table);
+  for (size_t i = 0; i < count; ++i) table[i] = loadU32(bytes + 4 * i);
+}
+
+// The FAT: its sectors listed in DIFAT order, first the header's 109 slots,
+// then the DIFAT sectors, are gathered and checked first, then read straight
+// into the table, one read per run of consecutive sectors. A file cannot
+// hold more FAT or DIFAT sectors than it has sectors, which bounds the table
+// by the file's length.
 bool gxdCompoundFile::loadFat() {
   const uint32_t perSector = sectorSize / 4;
   const uint32_t idsPerDifat = perSector - 1;
@@ -130,35 +154,25 @@ bool gxdCompoundFile::loadFat() {
   const uint64_t capacity =
       static_cast<uint64_t>(header.numFatSectors) +
       static_cast<uint64_t>(header.numDifatSectors) * idsPerDifat;
-  std::vector<uint8_t> sector(sectorSize);
-  uint64_t loaded = 0;
   // A FAT or DIFAT sector listed twice (a DIFAT loop among them) would read
   // the same sector again and again up to the counts: the file is corrupt.
   std::unordered_set<uint32_t> listed;
-  // Sized once (the count is bounded by the file's length above), so that a
-  // large table is not copied at every doubling.
-  fat.reserve(static_cast<size_t>(header.numFatSectors) * perSector);
-
-  auto loadFatSector = [&](uint32_t id) -> bool {
-    if (loaded >= capacity || loaded >= fileSectorCount_ ||
-        !isSectorInFile(id) || !listed.insert(id).second) {
+  std::vector<uint32_t> fatSectors;
+  fatSectors.reserve(header.numFatSectors);
+  auto take = [&](uint32_t id) -> bool {
+    if (fatSectors.size() >= capacity ||
+        fatSectors.size() >= fileSectorCount_ || !isSectorInFile(id) ||
+        !listed.insert(id).second) {
       markCorrupt();
       return false;
     }
-    if (!readAt(sectorOffset(id, header.sectorShift), sector.data(),
-                sectorSize))
-      return false;
-    size_t base = fat.size();
-    fat.resize(base + perSector);
-    for (uint32_t i = 0; i < perSector; ++i)
-      fat[base + i] = loadU32(sector.data() + 4 * i);
-    ++loaded;
+    fatSectors.push_back(id);
     return true;
   };
 
   for (size_t i = 0; i < kHeaderDifatSlots; ++i) {
     if (header.difat[i] == kFreeSect) break;
-    if (!loadFatSector(header.difat[i])) return false;
+    if (!take(header.difat[i])) return false;
   }
   if (header.numDifatSectors != 0) {
     std::vector<uint8_t> difat(sectorSize);
@@ -175,11 +189,16 @@ bool gxdCompoundFile::loadFat() {
       for (uint32_t k = 0; k < idsPerDifat; ++k) {
         uint32_t id = loadU32(difat.data() + 4 * k);
         if (id == kFreeSect) break;
-        if (!loadFatSector(id)) return false;
+        if (!take(id)) return false;
       }
       d = loadU32(difat.data() + 4 * idsPerDifat);
     }
   }
+  fat.resize(fatSectors.size() * static_cast<size_t>(perSector));
+  if (!readChain(fatSectors, reinterpret_cast<uint8_t*>(fat.data()),
+                 uint64_t{fat.size()} * 4))
+    return false;
+  decodeEntries(fat.data(), fat.size());
   return fileStream->good();
 }
 
@@ -196,24 +215,11 @@ bool gxdCompoundFile::loadMiniFat() {
     markCorrupt();
     return false;
   }
-  const uint32_t perSector = sectorSize / 4;
-  miniFat.assign(static_cast<size_t>(chain.size()) * perSector, kFreeSect);
-  // Consecutive sectors are read with one call, at most kRunSectors at once.
-  constexpr size_t kRunSectors = 128;
-  std::vector<uint8_t> bytes(kRunSectors * sectorSize);
-  size_t i = 0;
-  while (i < chain.size()) {
-    size_t run = 1;
-    while (run < kRunSectors && i + run < chain.size() &&
-           chain[i + run] == chain[i] + run)
-      ++run;
-    if (!readAt(sectorOffset(chain[i], header.sectorShift), bytes.data(),
-                run * sectorSize))
-      return false;
-    for (size_t k = 0; k < run * perSector; ++k)
-      miniFat[i * perSector + k] = loadU32(bytes.data() + 4 * k);
-    i += run;
-  }
+  miniFat.resize(chain.size() * static_cast<size_t>(sectorSize / 4));
+  if (!readChain(chain, reinterpret_cast<uint8_t*>(miniFat.data()),
+                 uint64_t{miniFat.size()} * 4))
+    return false;
+  decodeEntries(miniFat.data(), miniFat.size());
   return fileStream->good();
 }
 
@@ -228,28 +234,19 @@ bool gxdCompoundFile::loadDirectoryChain() {
   }
   loadedDirectorySectors_ = chain.size();
   directoryData_.resize(chain.size() * static_cast<size_t>(sectorSize));
-  // Consecutive sectors are read with one call.
-  size_t i = 0;
-  while (i < chain.size()) {
-    size_t run = 1;
-    while (i + run < chain.size() && chain[i + run] == chain[i] + run) ++run;
-    if (!readAt(sectorOffset(chain[i], header.sectorShift),
-                directoryData_.data() + i * sectorSize, run * sectorSize))
-      return false;
-    i += run;
-  }
-  return true;
+  return readChain(chain, directoryData_.data(), directoryData_.size());
 }
 
-// The mini stream is the root entry's data, held whole in memory. Its
-// declared length must fit in the file, and its chain must cover it.
+// The mini stream is the root entry's data, held whole in memory and read
+// straight into place. Its declared length must fit in the file, and its
+// chain must cover it.
 bool gxdCompoundFile::loadMiniStream() {
   if (header.firstMiniFatSector == kEndOfChain || rootEntry.size == 0)
     return true;
   const uint32_t length = rootEntry.sizeLow();
   if (length == 0) return true;
-  const uint64_t sectors = (static_cast<uint64_t>(length) + sectorSize - 1) /
-                           sectorSize;
+  const uint64_t sectors =
+      (static_cast<uint64_t>(length) + sectorSize - 1) / sectorSize;
   std::vector<uint32_t> chain;
   if (sectors > fileSectorCount_ ||
       !followChain(rootEntry.startSector, sectors, chain) ||
@@ -257,19 +254,6 @@ bool gxdCompoundFile::loadMiniStream() {
     markCorrupt();
     return false;
   }
-  miniStream.assign(length, 0);
-  // Consecutive sectors are read with one call; only the last sector of the
-  // chain may be partly used.
-  size_t i = 0;
-  while (i < chain.size()) {
-    size_t run = 1;
-    while (i + run < chain.size() && chain[i + run] == chain[i] + run) ++run;
-    const uint64_t from = static_cast<uint64_t>(i) * sectorSize;
-    const uint64_t n = std::min<uint64_t>(run * sectorSize, length - from);
-    if (!readAt(sectorOffset(chain[i], header.sectorShift),
-                miniStream.data() + from, static_cast<size_t>(n)))
-      return false;
-    i += run;
-  }
-  return true;
+  miniStream.resize(length);
+  return readChain(chain, miniStream.data(), length);
 }

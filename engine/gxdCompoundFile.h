@@ -2,6 +2,8 @@
 // in memory everything of the file except the data of large streams: the
 // header, the whole FAT and MiniFAT, the directory as a tree of entries and
 // the whole mini stream. A created file is written once, whole, by save().
+// The tables are pdTable / pdBytes (porting/gxdTable.h): resize(n) leaves
+// new elements unset, for tables that are read or computed right away.
 //
 // The engine works on a std::iostream that it does not own. It reports a
 // failed load only through that stream's state: failed or bad after the
@@ -11,11 +13,11 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <map>
 #include <vector>
 
 #include "engine/gxdDirEntry.h"
 #include "engine/gxdFormat.h"
+#include "porting/gxdTable.h"
 
 class gxdCompoundFile {
  public:
@@ -49,8 +51,21 @@ class gxdCompoundFile {
                        bool createIfMissing);
 
   // ---- Sector allocation (write side, inside one save) -----------------
-  // Writes a placeholder sector at position sectorCount; returns its id.
-  uint32_t appendSector();
+  // Sectors are numbered in the order they are needed; nothing is written
+  // while the save lays the file out. Each sector's content is recorded as
+  // where it comes from, and the file is written once, front to back, when
+  // every table is final (writeLayout).
+  enum SectorKind : uint8_t {
+    kFatSector,         // source: FAT sector ordinal (entries ordinal * E on)
+    kDifatSector,       // source: DIFAT sector ordinal
+    kDirectorySector,   // source: sector ordinal within directoryBuffer
+    kMiniFatSector,     // source: sector ordinal within miniFat
+    kMiniStreamSector,  // source: sector ordinal within miniStream
+    kDataSector,        // source: byte offset in the temporary file
+  };
+  // Takes position sectorCount for a sector of `kind` whose content comes
+  // from `source`; returns its id.
+  uint32_t appendSector(SectorKind kind, uint64_t source);
   // Reserves the header's position, FAT sector 0 and directory sector 1.
   void startOutput();
   // Grows the FAT (with DIFAT slots and sectors) until entry `sector` exists.
@@ -74,9 +89,9 @@ class gxdCompoundFile {
   uint32_t tempBlocksLeft() const;
   // Places a stream's data by its final size: into the mini stream when
   // below the cutoff, else into appended sectors; records its start.
-  void writeStreamData(gxdDirEntry& entry, const std::vector<uint32_t>& blocks);
-  uint32_t writeSmallStream(uint64_t size, const std::vector<uint32_t>& blocks);
-  uint32_t writeLargeStream(uint32_t size, const std::vector<uint32_t>& blocks);
+  void writeStreamData(gxdDirEntry& entry, const pdTable& blocks);
+  uint32_t writeSmallStream(uint64_t size, const pdTable& blocks);
+  uint32_t writeLargeStream(uint32_t size, const pdTable& blocks);
 
   // ---- Saving ---------------------------------------------------------
   // Writes the whole created file once; later calls do nothing.
@@ -96,8 +111,7 @@ class gxdCompoundFile {
   uint64_t loadedDirectorySectors() const { return loadedDirectorySectors_; }
 
   // ---- Fields (read directly by the portable objects) -----------------
-  uint32_t sectorCount = 0;   // output positions used, header's included
-  std::vector<uint8_t> zeroSector;  // one sector, placeholder source
+  uint32_t sectorCount = 0;  // output positions used, header's included
   uint32_t headerPosition = 0xFFFFFFFFu;
   uint32_t fatSectorCount = 0;
   std::vector<uint32_t> directorySectors;
@@ -105,27 +119,27 @@ class gxdCompoundFile {
   std::vector<uint32_t> miniStreamSectors;
   std::vector<uint32_t> difatSectors;
   uint32_t outputStarted = 0;  // 1 once startOutput ran; save runs only at 0
-  std::vector<uint8_t> directoryBuffer;  // 128-byte records being built
+  pdBytes directoryBuffer;     // 128-byte records being built
   uint32_t nextDirectoryIndex = 0xFFFFFFFFu;
   bool loadExisting;
   std::iostream* fileStream;  // not owned
   std::iostream* tempStream;  // not owned; null for an opened file
   uint32_t lastTempBlock = 0xFFFFFFFFu;
   gxdFileHeader header;
-  std::vector<uint32_t> fat;
+  pdTable fat;
   std::vector<uint32_t> difatBuffer;  // entries of all DIFAT sectors
-  size_t currentDifatSector = 0;  // index in difatBuffer of the last one
+  size_t currentDifatSector = 0;      // index in difatBuffer of the last one
   uint32_t difatSlot = 0xFFFFFFFFu;
-  std::vector<uint32_t> miniFat;
+  pdTable miniFat;
   uint32_t lastMiniSector = 0xFFFFFFFFu;
   uint16_t sectorSize = 0;
   uint16_t miniSectorSize = 0;
-  std::vector<uint8_t> miniStream;
+  pdBytes miniStream;
   uint32_t miniStreamSectorCount = 0;
   uint32_t entriesPerSector = 0;
   gxdStorageEntry rootEntry;
   std::vector<gxdChangeRecord> pendingChanges;
-  std::map<uint32_t, bool> loadedEntries;
+  std::vector<bool> loadedEntries;  // by entry number, while loading
 
   // Storages nested deeper than this make a loaded file corrupt: the tree
   // is copied and destroyed recursively, so its depth must stay bounded.
@@ -141,6 +155,11 @@ class gxdCompoundFile {
   void markCorrupt();
   // Reads `size` bytes at absolute `offset` of the file; false on failure.
   bool readAt(uint64_t offset, void* data, size_t size);
+  // Reads the sectors of `chain` into `data`, one read per run of
+  // consecutive sectors, `length` bytes in all (the last sector may be
+  // read in part); false on failure.
+  bool readChain(const std::vector<uint32_t>& chain, uint8_t* data,
+                 uint64_t length);
   // Follows a FAT chain from `start`, validating every link; stops at
   // ENDOFCHAIN or after `maxLength` sectors. False on a bad link or a loop.
   bool followChain(uint32_t start, uint64_t maxLength,
@@ -153,13 +172,33 @@ class gxdCompoundFile {
   // stream, then its last block flushed at commit) costs no seek per block.
   // False when the bytes could not be read.
   bool readTempWindowed(uint64_t offset, void* data, size_t size);
-  void writeChain(const std::vector<uint32_t>& sectors, const uint8_t* data,
-                  uint32_t* firstField);
+  // Chains `sectors` in the FAT and stores the first in `*firstField` when
+  // given.
+  void linkChain(const std::vector<uint32_t>& sectors, uint32_t* firstField);
+  // Writes every sector the layout holds, in file order: tables gathered
+  // from memory into large writes, stream data copied from the temporary
+  // file (inside the kernel where the host can).
+  void writeLayout();
+  // The bytes of one table sector, `sectorSize` of them, into `out`.
+  void tableSector(SectorKind kind, uint64_t ordinal, uint8_t* out) const;
+  // Copies `size` bytes at `from` of the temporary file to `to` of the
+  // output; a failure leaves the output failed.
+  void copyFromTemp(uint64_t from, uint64_t to, uint64_t size);
+
+  // One run of consecutive output sectors of one kind whose sources follow
+  // each other.
+  struct Extent {
+    uint32_t first;  // sector id
+    uint32_t count;
+    SectorKind kind;
+    uint64_t source;  // of the first sector
+  };
+  std::vector<Extent> layout_;  // in sector order, without gaps
 
   uint64_t fileLength_ = 0;
   uint64_t fileSectorCount_ = 0;
   uint64_t loadedDirectorySectors_ = 0;
-  std::vector<uint8_t> directoryData_;  // loaded directory chain, in order
+  pdBytes directoryData_;           // loaded directory chain, in order
   uint64_t outputAt_ = UINT64_MAX;  // where the output's put position stands
   uint64_t tempAt_ = UINT64_MAX;    // where the temp file's position stands
   bool tempWriting_ = false;        // the temp file's last transfer was a write

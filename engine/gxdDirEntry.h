@@ -13,15 +13,13 @@
 // The entry of a stream, and the leading part of every storage entry.
 struct gxdDirEntry {
   std::u16string name;
-  uint32_t dirIndex = 0xFFFFFFFFu;  // record number given by the save
+  uint32_t dirIndex = 0xFFFFFFFFu;     // record number given by the save
   uint32_t startSector = kEndOfChain;  // sector or mini sector of the data
   uint64_t size = 0;
 
   uint32_t sizeLow() const { return static_cast<uint32_t>(size); }
   uint32_t sizeHigh() const { return static_cast<uint32_t>(size >> 32); }
-  void setSizeLow(uint32_t low) {
-    size = (size & 0xFFFFFFFF00000000ull) | low;
-  }
+  void setSizeLow(uint32_t low) { size = (size & 0xFFFFFFFF00000000ull) | low; }
 };
 
 // The entry of a storage or of the root. Copies are deep: a copy carries its
@@ -40,7 +38,7 @@ struct gxdChangeRecord {
                           // second: the storage's own gxdStorageEntry
     kStreamCreated = 2,   // first: parent entry; second: the gxdDirEntry
     kStreamWritten = 3,   // first: the stream's gxdDirEntry;
-                          // second: its std::vector<uint32_t> of blocks
+                          // second: its pdTable of blocks
   };
   uint8_t kind = 0;
   void* first = nullptr;

@@ -20,7 +20,16 @@ struct WalkNode {
 int32_t gxdCompoundFile::loadDirectoryEntry(gxdStorageEntry* parentEntry,
                                             uint32_t entryNumber) {
   if (entryNumber == kNoStream) return 0;
-  if (loadedEntries.count(entryNumber) != 0) return 1;
+  // One flag per record of the loaded chain; a number beyond it is never
+  // marked, and reading its record fails below.
+  loadedEntries.resize(directoryData_.size() / kDirRecordSize, false);
+  auto seen = [this](uint32_t n) {
+    return n < loadedEntries.size() && loadedEntries[n];
+  };
+  auto mark = [this](uint32_t n) {
+    if (n < loadedEntries.size()) loadedEntries[n] = true;
+  };
+  if (seen(entryNumber)) return 1;
 
   auto readRecord = [this](uint32_t n, gxdDirRecord& record) -> bool {
     uint64_t offset = static_cast<uint64_t>(n) * kDirRecordSize;
@@ -34,7 +43,7 @@ int32_t gxdCompoundFile::loadDirectoryEntry(gxdStorageEntry* parentEntry,
 
   uint32_t start = entryNumber;
   if (parentEntry == nullptr) {
-    loadedEntries[entryNumber] = true;
+    mark(entryNumber);
     gxdDirRecord record;
     if (!readRecord(entryNumber, record)) return 1;
     if (record.objectType == kObjUnused) return 2;
@@ -46,7 +55,7 @@ int32_t gxdCompoundFile::loadDirectoryEntry(gxdStorageEntry* parentEntry,
     parentEntry = &rootEntry;
     start = record.child;
     if (start == kNoStream) return 0;
-    if (loadedEntries.count(start) != 0) return 1;
+    if (seen(start)) return 1;
   }
 
   // Pre-order walk with an explicit stack, in the order a recursive walk
@@ -66,8 +75,8 @@ int32_t gxdCompoundFile::loadDirectoryEntry(gxdStorageEntry* parentEntry,
     int32_t code = 1;
     if (n == kNoStream) {
       code = 0;
-    } else if (loadedEntries.count(n) == 0) {
-      loadedEntries[n] = true;
+    } else if (!seen(n)) {
+      mark(n);
       gxdDirRecord record;
       if (!readRecord(n, record)) {
         corrupt = true;
@@ -110,12 +119,17 @@ int32_t gxdCompoundFile::loadDirectoryEntry(gxdStorageEntry* parentEntry,
   for (size_t i = nodes.size(); i-- > 0;) {
     gxdStorageEntry& target = i == 0 ? *parentEntry : built[i];
     if (i != 0 && !nodes[i].isStorage) continue;
-    if (i != 0) static_cast<gxdDirEntry&>(target) = nodes[i].entry;
+    if (i != 0) static_cast<gxdDirEntry&>(target) = std::move(nodes[i].entry);
+    uint32_t storages = 0;
+    for (uint32_t c : nodes[i].children) storages += nodes[c].isStorage;
+    target.storages.reserve(target.storages.size() + storages);
+    target.streams.reserve(target.streams.size() + nodes[i].children.size() -
+                           storages);
     for (uint32_t c : nodes[i].children) {
       if (nodes[c].isStorage) {
         target.storages.push_back(std::move(built[c]));
       } else {
-        target.streams.push_back(nodes[c].entry);
+        target.streams.push_back(std::move(nodes[c].entry));
       }
     }
   }

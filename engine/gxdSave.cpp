@@ -1,13 +1,14 @@
 // The one-time save of a created file: the change records are replayed into
-// directory records and placed stream data, then the directory, MiniFAT,
-// mini stream, FAT, DIFAT sectors and finally the header are written over
-// the placeholders reserved for them.
+// directory records and placed stream data, the chains of the directory,
+// MiniFAT and mini stream are linked, and once every table is final the
+// file is written front to back, each byte once, the header last.
 //
 // Failures of the output or of the temporary file are not reported through
 // commit (it returns nothing). They leave the output stream in its failed
 // state, which is how the engine tells of trouble; the save itself always
 // ends, since every loop runs over in-memory tables, and it never writes
 // beyond the positions it has allocated.
+#include <cstring>
 #include <ostream>
 
 #include "engine/gxdCompoundFile.h"
@@ -27,8 +28,8 @@ size_t recordName(const uint8_t* record, char16_t (&units)[kNameFieldUnits]) {
   return n;
 }
 
-void fillRecord(uint8_t* record, const std::u16string& name,
-                uint8_t objectType, uint8_t colour) {
+void fillRecord(uint8_t* record, const std::u16string& name, uint8_t objectType,
+                uint8_t colour) {
   gxdDirRecord r;
   r.setName(name);
   r.objectType = objectType;
@@ -44,18 +45,36 @@ void fillRecord(uint8_t* record, const std::u16string& name,
 
 void gxdCompoundFile::save() {
   if (outputStarted == 1 || fileStream == nullptr) return;
-  // The mini stream grows sector by sector while the records are replayed;
-  // the small streams written bound its final size, so it is allocated once
-  // instead of being copied at every doubling.
-  uint64_t miniBytes = 0;
+  // The tables grow sector by sector while the records are replayed; what
+  // was created and written bounds their final sizes, so each is allocated
+  // once instead of being copied at every doubling.
+  uint64_t miniBytes = 0, largeSectors = 0, records = 1;
   for (const gxdChangeRecord& change : pendingChanges) {
-    if (change.kind != gxdChangeRecord::kStreamWritten) continue;
+    if (change.kind != gxdChangeRecord::kStreamWritten) {
+      ++records;
+      continue;
+    }
     const gxdDirEntry& e = *static_cast<const gxdDirEntry*>(change.first);
-    if (e.sizeHigh() == 0 && e.sizeLow() < header.miniStreamCutoff)
+    if (e.sizeHigh() == 0 && e.sizeLow() < header.miniStreamCutoff) {
       miniBytes += (uint64_t{e.sizeLow()} + miniSectorSize - 1) /
                    miniSectorSize * miniSectorSize;
+    } else {
+      largeSectors += static_cast<const pdTable*>(change.second)->size();
+    }
   }
-  if (miniBytes > 0) miniStream.reserve(miniBytes + sectorSize);
+  const uint64_t perSector = sectorSize / 4;
+  const uint64_t miniEstimate = miniBytes / sectorSize + 1;
+  const uint64_t miniFatEstimate = miniBytes / miniSectorSize / perSector + 1;
+  const uint64_t directoryEstimate = records / entriesPerSector + 1;
+  const uint64_t sectorEstimate =
+      1 + directoryEstimate + miniFatEstimate + miniEstimate + largeSectors;
+  // Each FAT sector covers perSector sectors, itself among them.
+  const uint64_t fatEstimate = sectorEstimate / (perSector - 1) + 2;
+  fat.reserve(static_cast<size_t>(fatEstimate * perSector));
+  miniFat.reserve(static_cast<size_t>(miniFatEstimate * perSector));
+  directoryBuffer.reserve(static_cast<size_t>(directoryEstimate * sectorSize));
+  if (miniBytes > 0)
+    miniStream.reserve(static_cast<size_t>(miniEstimate * sectorSize));
   for (const gxdChangeRecord& change : pendingChanges) {
     switch (change.kind) {
       case gxdChangeRecord::kStorageCreated:
@@ -70,8 +89,7 @@ void gxdCompoundFile::save() {
       case gxdChangeRecord::kStreamWritten:
         if (outputStarted == 1)
           writeStreamData(*static_cast<gxdDirEntry*>(change.first),
-                          *static_cast<const std::vector<uint32_t>*>(
-                              change.second));
+                          *static_cast<const pdTable*>(change.second));
         break;
       default:
         break;
@@ -81,55 +99,31 @@ void gxdCompoundFile::save() {
   // write.
   if (outputStarted == 0) return;
 
+  // Directory, MiniFAT and mini stream chains. Linking them may still add
+  // FAT and DIFAT sectors at the end.
+  linkChain(directorySectors, &header.firstDirectorySector);
+  if (!miniFatSectors.empty())
+    linkChain(miniFatSectors, &header.firstMiniFatSector);
+  if (!miniStreamSectors.empty()) linkChain(miniStreamSectors, nullptr);
+
+  // Each DIFAT sector's last slot names the next one.
   const uint32_t e = sectorSize / 4;
-  std::vector<uint8_t> sector(sectorSize);
+  for (size_t k = 1; k < difatSectors.size(); ++k)
+    difatBuffer[(k - 1) * e + e - 1] = difatSectors[k];
 
-  // Directory, MiniFAT and mini stream chains.
-  writeChain(directorySectors, directoryBuffer.data(),
-             &header.firstDirectorySector);
-  if (!miniFatSectors.empty()) {
-    std::vector<uint8_t> bytes(miniFat.size() * 4);
-    for (size_t i = 0; i < miniFat.size(); ++i)
-      storeU32(bytes.data() + 4 * i, miniFat[i]);
-    writeChain(miniFatSectors, bytes.data(), &header.firstMiniFatSector);
-  }
-  if (!miniStreamSectors.empty())
-    writeChain(miniStreamSectors, miniStream.data(), nullptr);
+  // Small streams took mini sectors from 0 on without gaps, each filled as
+  // it was taken; only the end of the mini stream's last sector that no
+  // stream took is still to be cleared.
+  const size_t usedMini =
+      lastMiniSector == 0xFFFFFFFFu
+          ? 0
+          : (static_cast<size_t>(lastMiniSector) + 1) * miniSectorSize;
+  if (usedMini < miniStream.size())
+    std::memset(miniStream.data() + usedMini, 0, miniStream.size() - usedMini);
 
-  auto writeFatSector = [&](uint64_t index, uint32_t at) {
-    for (uint32_t k = 0; k < e; ++k) {
-      uint64_t entry = index * e + k;
-      storeU32(sector.data() + 4 * k,
-               entry < fat.size() ? fat[entry] : kFreeSect);
-    }
-    writeOutput(sectorOffset(at, header.sectorShift), sector.data(),
-                sectorSize);
-  };
+  writeLayout();
 
-  // FAT sectors listed in the header.
-  for (uint32_t j = 0; j < kHeaderDifatSlots; ++j) {
-    if (header.difat[j] == kFreeSect) break;
-    writeFatSector(j, header.difat[j]);
-  }
-  // FAT sectors listed in DIFAT sectors, and the DIFAT sectors themselves.
-  if (header.difat[kHeaderDifatSlots - 1] != kFreeSect &&
-      header.numDifatSectors > 0) {
-    for (size_t k = 1; k < difatSectors.size(); ++k)
-      difatBuffer[(k - 1) * e + e - 1] = difatSectors[k];
-    for (size_t k = 0; k < difatSectors.size(); ++k) {
-      for (uint32_t j = 0; j + 1 < e; ++j) {
-        uint32_t at = difatBuffer[k * e + j];
-        if (at == kFreeSect) break;
-        writeFatSector(kHeaderDifatSlots + k * (e - 1) + j, at);
-      }
-      for (uint32_t j = 0; j < e; ++j)
-        storeU32(sector.data() + 4 * j, difatBuffer[k * e + j]);
-      writeOutput(sectorOffset(difatSectors[k], header.sectorShift),
-                  sector.data(), sectorSize);
-    }
-  }
-
-  // The header last: until now offset 0 holds zero bytes.
+  // The header last: until now offset 0 holds no bytes of it.
   uint8_t raw[kHeaderSize];
   header.store(raw);
   writeOutput(static_cast<uint64_t>(headerPosition) * sectorSize, raw,
@@ -137,13 +131,9 @@ void gxdCompoundFile::save() {
   fileStream->flush();
 }
 
-// Writes one sector of `data` per sector of `sectors`, chaining them in the
-// FAT, and stores the first sector in `*firstField` when given.
-void gxdCompoundFile::writeChain(const std::vector<uint32_t>& sectors,
-                                 const uint8_t* data, uint32_t* firstField) {
+void gxdCompoundFile::linkChain(const std::vector<uint32_t>& sectors,
+                                uint32_t* firstField) {
   for (size_t i = 0; i < sectors.size(); ++i) {
-    writeOutput(sectorOffset(sectors[i], header.sectorShift),
-                data + i * sectorSize, sectorSize);
     if (i == 0) {
       if (firstField != nullptr) *firstField = sectors[0];
     } else {
@@ -155,6 +145,66 @@ void gxdCompoundFile::writeChain(const std::vector<uint32_t>& sectors,
     ensureFatEntry(sectors.back());
     fat[sectors.back()] = kEndOfChain;
   }
+}
+
+void gxdCompoundFile::tableSector(SectorKind kind, uint64_t ordinal,
+                                  uint8_t* out) const {
+  const size_t e = sectorSize / 4;
+  const size_t from = static_cast<size_t>(ordinal) * e;
+  switch (kind) {
+    case kFatSector:
+      for (size_t k = 0; k < e; ++k)
+        storeU32(out + 4 * k,
+                 from + k < fat.size() ? fat[from + k] : kFreeSect);
+      break;
+    case kDifatSector:
+      for (size_t k = 0; k < e; ++k)
+        storeU32(out + 4 * k, difatBuffer[from + k]);
+      break;
+    case kMiniFatSector:
+      for (size_t k = 0; k < e; ++k) storeU32(out + 4 * k, miniFat[from + k]);
+      break;
+    case kDirectorySector:
+      std::memcpy(out, directoryBuffer.data() + ordinal * sectorSize,
+                  sectorSize);
+      break;
+    case kMiniStreamSector:
+      std::memcpy(out, miniStream.data() + ordinal * sectorSize, sectorSize);
+      break;
+    case kDataSector:
+      break;
+  }
+}
+
+void gxdCompoundFile::writeLayout() {
+  // Table sectors gather into writes of up to this many sectors.
+  constexpr size_t kGatherSectors = 512;
+  pdBytes gather;
+  gather.reserve(kGatherSectors * sectorSize);
+  uint32_t gatherFirst = 0;  // sector id of gather[0]
+  auto writeGathered = [&] {
+    if (gather.empty()) return;
+    writeOutput(sectorOffset(gatherFirst, header.sectorShift), gather.data(),
+                gather.size());
+    gather.clear();
+  };
+  for (const Extent& x : layout_) {
+    if (!fileStream->good()) return;
+    if (x.kind == kDataSector) {
+      writeGathered();
+      copyFromTemp(x.source, sectorOffset(x.first, header.sectorShift),
+                   uint64_t{x.count} * sectorSize);
+      continue;
+    }
+    for (uint32_t i = 0; i < x.count; ++i) {
+      if (gather.empty()) gatherFirst = x.first + i;
+      const size_t at = gather.size();
+      gather.resize(at + sectorSize);
+      tableSector(x.kind, x.source + i, gather.data() + at);
+      if (gather.size() >= kGatherSectors * sectorSize) writeGathered();
+    }
+  }
+  writeGathered();
 }
 
 void gxdCompoundFile::addStorageEntry(gxdStorageEntry* parent,

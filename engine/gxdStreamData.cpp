@@ -7,11 +7,13 @@
 #include <ostream>
 
 #include "engine/gxdCompoundFile.h"
+#include "porting/gxdFileBuf.h"
 
 namespace {
 // The temporary file's offsets stay below 2 GiB.
 constexpr uint32_t kMaxTempBlocks = 0x80000000u / kTempBlockSize;
-// Large streams move through the save in batches of this many sectors.
+// Stream data that cannot be copied between files moves through memory in
+// batches of this many sectors.
 constexpr uint32_t kBatchSectors = 128;
 // Appends of fewer blocks than this go through the temporary file's buffer.
 constexpr uint32_t kBufferedBlocks = 16;
@@ -29,8 +31,7 @@ uint32_t gxdCompoundFile::writeTempBlock(const uint8_t* block) {
   return writeTempBlocks(block, 1);
 }
 
-uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data,
-                                          uint32_t count) {
+uint32_t gxdCompoundFile::writeTempBlocks(const uint8_t* data, uint32_t count) {
   if (tempStream == nullptr || count == 0 || count > tempBlocksLeft())
     return 0xFFFFFFFFu;
   const uint32_t first = lastTempBlock + 1;
@@ -120,7 +121,7 @@ bool gxdCompoundFile::readTempWindowed(uint64_t offset, void* data,
 }
 
 void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
-                                      const std::vector<uint32_t>& blocks) {
+                                      const pdTable& blocks) {
   // Data of a stream without a directory record of its own could never be
   // reached from the written file: it is not placed.
   if (directoryRecord(entry.dirIndex) == nullptr) return;
@@ -138,8 +139,8 @@ void gxdCompoundFile::writeStreamData(gxdDirEntry& entry,
   storeU32(directoryRecord(entry.dirIndex) + gxdDirField::kStartSector, start);
 }
 
-uint32_t gxdCompoundFile::writeSmallStream(
-    uint64_t size, const std::vector<uint32_t>& blocks) {
+uint32_t gxdCompoundFile::writeSmallStream(uint64_t size,
+                                           const pdTable& blocks) {
   if (size == 0) return kEndOfChain;
   const uint32_t perBlock = sectorSize / miniSectorSize;
   const uint32_t first = lastMiniSector == 0xFFFFFFFFu ? 0 : lastMiniSector + 1;
@@ -171,44 +172,45 @@ uint32_t gxdCompoundFile::writeSmallStream(
   return first;
 }
 
-// Each temporary block becomes one sector, in list order. Runs of sectors
-// that need no FAT growth between them are copied in one read and one write;
-// the sectors and FAT entries that result are those of a sector-by-sector
-// copy, growing the FAT before a sector whose predecessor it cannot hold.
-uint32_t gxdCompoundFile::writeLargeStream(
-    uint32_t size, const std::vector<uint32_t>& blocks) {
+// Each temporary block becomes one sector, in list order, chained through
+// the FAT; the FAT grows before a sector whose predecessor it cannot hold,
+// so a FAT (or DIFAT) sector may come between two data sectors. Only the
+// layout is recorded here: the data moves when the save writes the file.
+uint32_t gxdCompoundFile::writeLargeStream(uint32_t size,
+                                           const pdTable& blocks) {
   if (size == 0 || blocks.empty()) return kEndOfChain;
-  const uint32_t e = sectorSize / 4;
   const uint32_t start = sectorCount - 1;
   uint32_t prev = start;
-  std::vector<uint8_t> batch(static_cast<size_t>(kBatchSectors) * sectorSize);
-  size_t i = 0;
-  while (i < blocks.size()) {
+  for (size_t i = 0; i < blocks.size(); ++i) {
     if (i > 0) ensureFatEntry(prev);
-    const uint32_t s = sectorCount - 1;
-    const uint64_t cover = static_cast<uint64_t>(e) * fatSectorCount;
-    uint64_t run = s < cover ? cover - s + 1 : 1;
-    run = std::min<uint64_t>(run, blocks.size() - i);
-    run = std::min<uint64_t>(run, kBatchSectors);
-    // Read the batch, one call per run of consecutive temporary blocks.
-    for (size_t j = 0; j < run;) {
-      size_t k = 1;
-      while (j + k < run && blocks[i + j + k] == blocks[i + j] + k) ++k;
-      readTemp(uint64_t{blocks[i + j]} * kTempBlockSize,
-               batch.data() + j * sectorSize, k * sectorSize);
-      j += k;
-    }
-    writeOutput(static_cast<uint64_t>(sectorCount) * sectorSize, batch.data(),
-                static_cast<size_t>(run) * sectorSize);
-    for (uint64_t j = 0; j < run; ++j) {
-      const uint32_t id = s + static_cast<uint32_t>(j);
-      if (i + j > 0) fat[prev] = id;
-      prev = id;
-    }
-    sectorCount += static_cast<uint32_t>(run);
-    i += run;
+    const uint32_t id =
+        appendSector(kDataSector, uint64_t{blocks[i]} * kTempBlockSize);
+    if (i > 0) fat[prev] = id;
+    prev = id;
   }
   ensureFatEntry(prev);
   fat[prev] = kEndOfChain;
   return start;
+}
+
+void gxdCompoundFile::copyFromTemp(uint64_t from, uint64_t to, uint64_t size) {
+  if (!fileStream->good()) return;
+  if (tempStream == nullptr || !tempStream->good()) {
+    fileStream->setstate(std::ios::failbit);
+    return;
+  }
+  const int copied =
+      pdCopyBetweenFiles(*tempStream, from, *fileStream, to, size);
+  if (copied == 0) fileStream->setstate(std::ios::failbit);
+  if (copied >= 0) return;
+  // Streams that are not files of the host: through memory, in batches.
+  std::vector<uint8_t> batch(static_cast<size_t>(
+      std::min<uint64_t>(size, uint64_t{kBatchSectors} * sectorSize)));
+  for (uint64_t done = 0; done < size && fileStream->good();) {
+    const size_t n =
+        static_cast<size_t>(std::min<uint64_t>(size - done, batch.size()));
+    readTemp(from + done, batch.data(), n);
+    writeOutput(to + done, batch.data(), n);
+    done += n;
+  }
 }

@@ -1,9 +1,8 @@
 // The platform's structured-storage service, as the adapters use it. On
 // Windows these are the real system headers and ole32. Elsewhere this layer
 // declares the same COM-shaped interfaces (methods in the platform's order),
-// records and constants; nothing on such a host implements them, so opening
-// or creating a file with the platform backend answers E_NOTIMPL, and the
-// probe answers as the platform would.
+// records and constants, and the free functions forward to the library's own
+// read-write implementation in service/.
 #ifndef GXSTORAGE_PLATFORM_GXPLATFORM_H_
 #define GXSTORAGE_PLATFORM_GXPLATFORM_H_
 
@@ -119,19 +118,83 @@ struct IStorage : public IUnknown {
   virtual HRESULT Stat(STATSTG* info, DWORD flag) = 0;
 };
 
+#define STDMETHODCALLTYPE
+
 #define S_OK ((HRESULT)0)
 #define S_FALSE ((HRESULT)1)
 #define E_NOTIMPL ((HRESULT)0x80004001)
+#define E_NOINTERFACE ((HRESULT)0x80004002)
+#define E_POINTER ((HRESULT)0x80004003)
 #define E_FAIL ((HRESULT)0x80004005)
+#define E_OUTOFMEMORY ((HRESULT)0x8007000E)
+#define E_INVALIDARG ((HRESULT)0x80070057)
+#define STG_E_INVALIDFUNCTION ((HRESULT)0x80030001)
 #define STG_E_FILENOTFOUND ((HRESULT)0x80030002)
+#define STG_E_PATHNOTFOUND ((HRESULT)0x80030003)
+#define STG_E_TOOMANYOPENFILES ((HRESULT)0x80030004)
+#define STG_E_ACCESSDENIED ((HRESULT)0x80030005)
+#define STG_E_INVALIDHANDLE ((HRESULT)0x80030006)
+#define STG_E_INSUFFICIENTMEMORY ((HRESULT)0x80030008)
+#define STG_E_INVALIDPOINTER ((HRESULT)0x80030009)
+#define STG_E_NOMOREFILES ((HRESULT)0x80030012)
+#define STG_E_DISKISWRITEPROTECTED ((HRESULT)0x80030013)
+#define STG_E_SEEKERROR ((HRESULT)0x80030019)
+#define STG_E_WRITEFAULT ((HRESULT)0x8003001D)
+#define STG_E_READFAULT ((HRESULT)0x8003001E)
+#define STG_E_SHAREVIOLATION ((HRESULT)0x80030020)
+#define STG_E_LOCKVIOLATION ((HRESULT)0x80030021)
 #define STG_E_FILEALREADYEXISTS ((HRESULT)0x80030050)
+#define STG_E_INVALIDPARAMETER ((HRESULT)0x80030057)
+#define STG_E_MEDIUMFULL ((HRESULT)0x80030070)
+#define STG_E_ABNORMALAPIEXIT ((HRESULT)0x800300FA)
 #define STG_E_INVALIDHEADER ((HRESULT)0x800300FB)
+#define STG_E_INVALIDNAME ((HRESULT)0x800300FC)
+#define STG_E_UNKNOWN ((HRESULT)0x800300FD)
+#define STG_E_UNIMPLEMENTEDFUNCTION ((HRESULT)0x800300FE)
+#define STG_E_INVALIDFLAG ((HRESULT)0x800300FF)
+#define STG_E_INUSE ((HRESULT)0x80030100)
+#define STG_E_NOTCURRENT ((HRESULT)0x80030101)
+#define STG_E_REVERTED ((HRESULT)0x80030102)
+#define STG_E_CANTSAVE ((HRESULT)0x80030103)
+#define STG_E_OLDFORMAT ((HRESULT)0x80030104)
+#define STG_E_OLDDLL ((HRESULT)0x80030105)
+#define STG_E_SHAREREQUIRED ((HRESULT)0x80030106)
+#define STG_E_NOTFILEBASEDSTORAGE ((HRESULT)0x80030107)
+#define STG_E_DOCFILECORRUPT ((HRESULT)0x80030109)
+#define STG_E_DOCFILETOOLARGE ((HRESULT)0x80030111)
 
+#define STGM_DIRECT 0x00000000u
+#define STGM_TRANSACTED 0x00010000u
+#define STGM_SIMPLE 0x08000000u
 #define STGM_READ 0x00000000u
 #define STGM_WRITE 0x00000001u
 #define STGM_READWRITE 0x00000002u
+#define STGM_SHARE_DENY_NONE 0x00000040u
+#define STGM_SHARE_DENY_READ 0x00000030u
+#define STGM_SHARE_DENY_WRITE 0x00000020u
 #define STGM_SHARE_EXCLUSIVE 0x00000010u
+#define STGM_PRIORITY 0x00040000u
+#define STGM_DELETEONRELEASE 0x04000000u
+#define STGM_NOSCRATCH 0x00100000u
 #define STGM_CREATE 0x00001000u
+#define STGM_CONVERT 0x00020000u
+#define STGM_FAILIFTHERE 0x00000000u
+#define STGM_NOSNAPSHOT 0x00200000u
+#define STGM_DIRECT_SWMR 0x00400000u
+
+#define STGC_DEFAULT 0u
+#define STGC_OVERWRITE 1u
+#define STGC_ONLYIFCURRENT 2u
+#define STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE 4u
+#define STGC_CONSOLIDATE 8u
+
+#define STGMOVE_MOVE 0u
+#define STGMOVE_COPY 1u
+#define STGMOVE_SHALLOWCOPY 2u
+
+#define LOCK_WRITE 1u
+#define LOCK_EXCLUSIVE 2u
+#define LOCK_ONLYONCE 4u
 
 #define STGTY_STORAGE 1u
 #define STGTY_STREAM 2u
@@ -145,13 +208,21 @@ struct IStorage : public IUnknown {
 #define STATFLAG_DEFAULT 0u
 #define STATFLAG_NONAME 1u
 
-// Opening and creating answer E_NOTIMPL on this host.
+// Interface identifiers, with the values the platform documents.
+extern const IID IID_IUnknown;
+extern const IID IID_ISequentialStream;
+extern const IID IID_IStream;
+extern const IID IID_IStorage;
+extern const IID IID_IEnumSTATSTG;
+bool IsEqualGUID(const GUID& a, const GUID& b);
+
+// Open and create a file through the library's own service (service/).
 HRESULT StgOpenStorage(const OLECHAR* name, IStorage* priority, DWORD mode,
                        SNB exclude, DWORD reserved, IStorage** storage);
 HRESULT StgCreateDocfile(const OLECHAR* name, DWORD mode, DWORD reserved,
                          IStorage** storage);
-// S_OK for a file that starts with the compound-file signature, S_FALSE for
-// another readable file, STG_E_FILENOTFOUND when the file cannot be opened.
+// S_OK for a compound file, S_FALSE for another readable file,
+// STG_E_FILENOTFOUND when the file cannot be opened.
 HRESULT StgIsStorageFile(const OLECHAR* name);
 // Task memory, for names that platform objects hand out.
 void* CoTaskMemAlloc(size_t size);

@@ -8,7 +8,7 @@
 #include "porting/gxdPorting.h"
 
 gxdFileView::Status gxdFileView::open(const char16_t* path) {
-  stream_.reset(new std::fstream);
+  stream_.reset(new pdFileStream);
   pdOpenFile(path, kPdOpenRead, *stream_);
   if (stream_->fail()) return Status::kMissing;
   return open(stream_.get());
@@ -67,7 +67,8 @@ std::vector<gxdFileViewElement> gxdFileView::elements() const {
       e.startSector = s.startSector;
       out.push_back(e);
     }
-    for (size_t i = below.size(); i-- > 0;) stack.push_back(std::move(below[i]));
+    for (size_t i = below.size(); i-- > 0;)
+      stack.push_back(std::move(below[i]));
   }
   return out;
 }

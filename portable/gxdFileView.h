@@ -5,12 +5,12 @@
 #define GXSTORAGE_PORTABLE_GXDFILEVIEW_H_
 
 #include <cstdint>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "engine/gxdCompoundFile.h"
+#include "porting/gxdFileBuf.h"
 
 struct gxdFileViewElement {
   std::vector<std::u16string> names;  // path from the root, one per level
@@ -23,8 +23,8 @@ class gxdFileView {
  public:
   enum class Status {
     kOk,
-    kMissing,      // the file cannot be opened
-    kTooShort,     // fewer than 512 bytes
+    kMissing,   // the file cannot be opened
+    kTooShort,  // fewer than 512 bytes
     kBadSignature,
     kBadVersion,   // major version not 3 or 4
     kBadReserved,  // nonzero reserved header bytes
@@ -49,7 +49,7 @@ class gxdFileView {
   static const char* describe(Status status);
 
  private:
-  std::unique_ptr<std::fstream> stream_;
+  std::unique_ptr<pdFileStream> stream_;
   std::unique_ptr<gxdCompoundFile> file_;
 };
 

@@ -1,11 +1,10 @@
-#include <fstream>
 
 #include "engine/gxdFormat.h"
 #include "portable/gxdInterfaces.h"
 #include "porting/gxdPorting.h"
 
 gxResult gxdStgIsStorageFile(const char16_t* path) {
-  std::fstream file;
+  pdFileStream file;
   pdOpenFile(path, kPdOpenRead, file);
   if (file.bad() || file.fail()) return GX_STG_E_FILENOTFOUND;
   uint8_t raw[kHeaderSize];

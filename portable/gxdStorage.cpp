@@ -29,7 +29,8 @@ gxResult gxdStgCreateStorage(const char16_t* path, uint32_t /*mode*/,
 
 std::u16string gxdStorage::tempFileName(const std::u16string& path) {
   size_t dot = path.rfind(u'.');
-  std::u16string name = dot == std::u16string::npos ? path : path.substr(0, dot);
+  std::u16string name =
+      dot == std::u16string::npos ? path : path.substr(0, dot);
   name += u".$t$";
   return name;
 }
@@ -39,15 +40,11 @@ gxdStorage::gxdStorage(const char16_t* pathIn, bool openExisting)
       readOnly(openExisting),
       failed(true),
       notFound(false),
-      fileStream(new std::fstream),
+      fileStream(new pdFileStream),
       parent(nullptr),
       compoundFile(nullptr),
       path(pathIn != nullptr ? pathIn : u""),
       refCount(1) {
-  // An opened file is only read at explicit offsets, in sectors or runs of
-  // them, and every read starts with a seek that drops whatever a stream
-  // buffer holds: unbuffered, each read moves exactly its bytes.
-  if (openExisting) fileStream->rdbuf()->pubsetbuf(nullptr, 0);
   pdOpenFile(path.c_str(), openExisting ? kPdOpenRead : kPdOpenCreate,
              *fileStream);
   if (openExisting) {
@@ -61,7 +58,7 @@ gxdStorage::gxdStorage(const char16_t* pathIn, bool openExisting)
   }
   failed = fileStream->bad() || fileStream->fail();
   if (failed) return;
-  tempStream.reset(new std::fstream);
+  tempStream.reset(new pdFileStream);
   pdOpenFile(tempFileName(path).c_str(), kPdOpenTemp, *tempStream);
   failed = tempStream->bad() || tempStream->fail();
   if (!failed)

@@ -6,7 +6,6 @@
 #ifndef GXSTORAGE_PORTABLE_GXDSTORAGE_H_
 #define GXSTORAGE_PORTABLE_GXDSTORAGE_H_
 
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -15,6 +14,7 @@
 
 #include "engine/gxdCompoundFile.h"
 #include "portable/gxdInterfaces.h"
+#include "porting/gxdFileBuf.h"
 
 class gxdStream;
 class gxdStgEnum;
@@ -54,14 +54,14 @@ class gxdStorage : public gxdIStorage {
   bool readOnly;
   bool failed;
   bool notFound;
-  std::unique_ptr<std::fstream> fileStream;  // root only
-  std::unique_ptr<std::fstream> tempStream;  // root in create mode only
-  gxdStorage* parent;          // not owned; null at the root
-  gxdCompoundFile* compoundFile;  // owned by the root, shared below
-  std::unique_ptr<gxdStorageEntry> entry;  // child only
-  std::u16string path;                     // root only
-  std::map<std::u16string, gxdStorage*> openStorages;  // one reference each
-  std::map<std::u16string, gxdStream*> openStreams;    // one reference each
+  std::unique_ptr<pdFileStream> fileStream;  // root only
+  std::unique_ptr<pdFileStream> tempStream;  // root in create mode only
+  gxdStorage* parent;                        // not owned; null at the root
+  gxdCompoundFile* compoundFile;             // owned by the root, shared below
+  std::unique_ptr<gxdStorageEntry> entry;    // child only
+  std::u16string path;                       // root only
+  std::map<std::u16string, gxdStorage*> openStorages;   // one reference each
+  std::map<std::u16string, gxdStream*> openStreams;     // one reference each
   std::vector<std::pair<bool, void*>> createdChildren;  // (isStorage, child)
   uint32_t refCount;
   std::vector<gxdStgEnum*> enumerators;  // owned

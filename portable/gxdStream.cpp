@@ -20,7 +20,6 @@ gxdStream::gxdStream(const char16_t* name, gxdStorage* parentIn)
       compoundFile(parentIn->compoundFile),
       currentPosition(0),
       bufferFill(0),
-      buffer(),
       refCount(1) {
   if (failed) return;
   entry.name = name;
@@ -81,30 +80,32 @@ void gxdStream::rewind() {
   inMiniStream = entry.sizeHigh() == 0 &&
                  entry.sizeLow() < compoundFile->header.miniStreamCutoff;
   if (chainIsMini_ != inMiniStream) {
-    chain_.clear();
-    chainBroken_ = false;
+    clearChain();
     chainIsMini_ = inMiniStream;
   }
   failed = compoundFile->fileStream->fail();
 }
 
+void gxdStream::clearChain() {
+  runs_.clear();
+  lastRun_ = Run();
+  chainLength_ = 0;
+  chainBroken_ = false;
+}
+
 bool gxdStream::sectorAt(uint64_t index, uint32_t& sector) {
   const gxdCompoundFile& cf = *compoundFile;
-  const std::vector<uint32_t>& table = inMiniStream ? cf.miniFat : cf.fat;
+  const pdTable& table = inMiniStream ? cf.miniFat : cf.fat;
   // A chain longer than the units its area holds must repeat itself.
   const uint64_t limit = inMiniStream
                              ? cf.miniStream.size() >> cf.header.miniSectorShift
                              : cf.fileSectorCount();
-  if (chain_.empty()) {
-    // The whole chain is kept: sized once from the stream's length (bounded
-    // by the units its area holds) rather than copied at every doubling.
-    const uint64_t units = (entry.size >> unitShift()) + 1;
-    chain_.reserve(static_cast<size_t>(std::min(units, limit)));
-  }
-  while (chain_.size() <= index) {
+  while (chainLength_ <= index) {
     if (chainBroken_) return false;
-    uint32_t next = chain_.empty() ? entry.startSector : table[chain_.back()];
-    bool valid = chain_.size() < limit && next < table.size();
+    const uint32_t next = chainLength_ == 0
+                              ? entry.startSector
+                              : table[lastRun_.sector + lastRun_.length - 1];
+    bool valid = chainLength_ < limit && next < table.size();
     if (valid && inMiniStream) {
       valid = ((static_cast<uint64_t>(next) + 1)
                << cf.header.miniSectorShift) <= cf.miniStream.size();
@@ -115,9 +116,28 @@ bool gxdStream::sectorAt(uint64_t index, uint32_t& sector) {
       chainBroken_ = true;
       return false;
     }
-    chain_.push_back(next);
+    if (lastRun_.length != 0 &&
+        next == uint64_t{lastRun_.sector} + lastRun_.length &&
+        lastRun_.length < UINT32_MAX) {
+      ++lastRun_.length;
+    } else {
+      if (lastRun_.length != 0) runs_.push_back(lastRun_);
+      lastRun_.index = chainLength_;
+      lastRun_.sector = next;
+      lastRun_.length = 1;
+    }
+    ++chainLength_;
   }
-  sector = chain_[static_cast<size_t>(index)];
+  if (index >= lastRun_.index) {
+    sector = lastRun_.sector + static_cast<uint32_t>(index - lastRun_.index);
+    return true;
+  }
+  // The last run that starts at or before `index`.
+  auto it = std::upper_bound(
+      runs_.begin(), runs_.end(), index,
+      [](uint64_t i, const Run& run) { return i < run.index; });
+  --it;
+  sector = it->sector + static_cast<uint32_t>(index - it->index);
   return true;
 }
 
@@ -168,8 +188,7 @@ gxResult gxdStream::read(void* data, uint64_t count, uint64_t* done) {
         n += std::min(count - n, unit);
       file->seekg(static_cast<std::streamoff>(
           sectorOffset(sector, compoundFile->header.sectorShift) + within));
-      file->read(reinterpret_cast<char*>(out),
-                 static_cast<std::streamsize>(n));
+      file->read(reinterpret_cast<char*>(out), static_cast<std::streamsize>(n));
       if (file->eof()) return GX_S_OK;
       if (file->fail()) return GX_E_FAIL;
     }
@@ -195,8 +214,7 @@ void gxdStream::setPosition(uint64_t target) {
     const uint32_t shift = unitShift();
     uint32_t sector;
     if (!sectorAt((to - 1) >> shift, sector)) {
-      currentPosition =
-          std::min<uint64_t>(to, static_cast<uint64_t>(chain_.size()) << shift);
+      currentPosition = std::min<uint64_t>(to, chainLength_ << shift);
       failRead();
       return;
     }
@@ -205,8 +223,7 @@ void gxdStream::setPosition(uint64_t target) {
   updateReadFill();
 }
 
-gxResult gxdStream::write(const void* data, uint64_t count,
-                          uint64_t* written) {
+gxResult gxdStream::write(const void* data, uint64_t count, uint64_t* written) {
   // Nothing wraps: a stream stays below 4 GiB and the temporary file below
   // its limit, refused before anything changes.
   if (count > kMaxStreamSize - std::min(currentPosition, kMaxStreamSize))
@@ -218,10 +235,11 @@ gxResult gxdStream::write(const void* data, uint64_t count,
   }
   const uint8_t* in = static_cast<const uint8_t*>(data);
   uint64_t total = 0;
+  if (!buffer && count > 0) buffer.reset(new uint8_t[kBlockSize]());
   while (count > 0) {
     if (bufferFill == kBlockSize) {
       uint32_t k = compoundFile != nullptr
-                       ? compoundFile->writeTempBlock(buffer)
+                       ? compoundFile->writeTempBlock(buffer.get())
                        : 0xFFFFFFFFu;
       if (static_cast<int32_t>(k) < 0) return GX_E_FAIL;
       tempBlocks.push_back(k);
@@ -240,7 +258,7 @@ gxResult gxdStream::write(const void* data, uint64_t count,
       // The buffer ends up holding the last whole block, as it would after
       // block-by-block copying; a later flush of a partly refilled buffer
       // writes those bytes past the fill.
-      std::memcpy(buffer, in + n - kBlockSize, kBlockSize);
+      std::memcpy(buffer.get(), in + n - kBlockSize, kBlockSize);
       in += n;
       count -= n;
       currentPosition += n;
@@ -248,7 +266,7 @@ gxResult gxdStream::write(const void* data, uint64_t count,
       continue;
     }
     const uint64_t n = std::min<uint64_t>(count, kBlockSize - bufferFill);
-    std::memcpy(buffer + bufferFill, in, static_cast<size_t>(n));
+    std::memcpy(buffer.get() + bufferFill, in, static_cast<size_t>(n));
     in += n;
     count -= n;
     currentPosition += n;
@@ -268,8 +286,8 @@ gxResult gxdStream::write(const void* data, uint64_t count,
 }
 
 void gxdStream::flush() {
-  if (bufferFill == 0 || compoundFile == nullptr) return;
-  uint32_t k = compoundFile->writeTempBlock(buffer);
+  if (bufferFill == 0 || compoundFile == nullptr || !buffer) return;
+  uint32_t k = compoundFile->writeTempBlock(buffer.get());
   if (static_cast<int32_t>(k) < 0) return;
   tempBlocks.push_back(k);
   bufferFill = 0;

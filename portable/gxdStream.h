@@ -7,6 +7,7 @@
 #define GXSTORAGE_PORTABLE_GXDSTREAM_H_
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "engine/gxdCompoundFile.h"
@@ -53,8 +54,9 @@ class gxdStream : public gxdIStream {
   // Writing: bytes held in buffer. Reading: bytes taken from the current
   // (mini) sector.
   uint16_t bufferFill;
-  uint8_t buffer[kBlockSize];
-  std::vector<uint32_t> tempBlocks;  // temporary-file blocks, in order
+  std::unique_ptr<uint8_t[]> buffer;  // kBlockSize bytes from the first write
+
+  pdTable tempBlocks;  // temporary-file blocks, in order
   std::vector<gxdStream*> clones;    // each holds its construction reference
   uint32_t refCount;
 
@@ -67,8 +69,19 @@ class gxdStream : public gxdIStream {
   uint32_t unitShift() const;
   void updateReadFill();
   gxResult failRead();
+  void clearChain();
 
-  std::vector<uint32_t> chain_;
+  // The chain learned so far, kept as runs of consecutive sectors: units
+  // index .. index + length - 1 lie in sectors sector .. sector + length - 1.
+  // A stream whose data is contiguous needs no allocation for it.
+  struct Run {
+    uint64_t index = 0;
+    uint32_t sector = 0;
+    uint32_t length = 0;
+  };
+  std::vector<Run> runs_;     // every run before lastRun_, in order
+  Run lastRun_;               // the run that the next link may extend
+  uint64_t chainLength_ = 0;  // units learned
   bool chainIsMini_ = false;
   bool chainBroken_ = false;
 };

@@ -1,43 +1,10 @@
 #include "porting/gxdPorting.h"
 
-namespace {
-
-std::ios::openmode modeFlags(int mode) {
-  switch (mode) {
-    case kPdOpenRead:
-      return std::ios::in | std::ios::binary;
-    case kPdOpenCreate:
-    case kPdOpenTemp:
-      // Emptied on open, so a created file replaces an old one wholly and no
-      // stale tail survives past what the save writes.
-      return std::ios::in | std::ios::out | std::ios::trunc | std::ios::binary;
-    default:
-      return std::ios::openmode();
-  }
-}
-
-}  // namespace
-
-void pdOpenFile(const char16_t* path, int mode, std::fstream& stream) {
-  if (path == nullptr || (mode != kPdOpenRead && mode != kPdOpenCreate &&
-                          mode != kPdOpenTemp)) {
+void pdOpenFile(const char16_t* path, int mode, pdFileStream& stream) {
+  if (path == nullptr ||
+      (mode != kPdOpenRead && mode != kPdOpenCreate && mode != kPdOpenTemp) ||
+      !stream.file().open(path, mode))
     stream.setstate(std::ios::failbit);
-    return;
-  }
-  std::u16string wide(path);
-#if defined(_WIN32)
-  std::wstring native(wide.begin(), wide.end());
-  stream.open(native.c_str(), modeFlags(mode));
-#else
-  std::string native;
-  if (!pdUtf16ToUtf8(wide, native) ||
-      native.find('\0') != std::string::npos) {
-    stream.setstate(std::ios::failbit);
-    return;
-  }
-  stream.open(native, modeFlags(mode));
-#endif
-  if (!stream.is_open()) stream.setstate(std::ios::failbit);
 }
 
 void pdConvertWCHAR2String(const char16_t* source, uint64_t maxUnits,
@@ -102,4 +69,23 @@ bool pdUtf16ToUtf8(const std::u16string& in, std::string& out) {
     }
   }
   return true;
+}
+
+char16_t pdFoldUpper(char16_t u) {
+  if (u < 0x80) return u >= u'a' && u <= u'z' ? u - 0x20 : u;
+  if (u >= 0xE0 && u <= 0xFE && u != 0xF7) return u - 0x20;
+  if (u == 0xFF) return 0x178;
+  if (u >= 0x100 && u <= 0x17F) {
+    // Pairs of upper then lower case, shifted by one between 0x138 and
+    // 0x148 and from 0x179 on; 0x131 (dotless i) and 0x138 (kra) stand alone.
+    bool shifted = (u >= 0x139 && u <= 0x148) || u >= 0x179;
+    if (u == 0x131 || u == 0x138 || u == 0x149 || u == 0x17F) return u;
+    bool lower = shifted ? (u % 2 == 0) : (u % 2 == 1);
+    return lower ? u - 1 : u;
+  }
+  if (u >= 0x3B1 && u <= 0x3C9 && u != 0x3C2) return u - 0x20;
+  if (u >= 0x430 && u <= 0x44F) return u - 0x20;
+  if (u >= 0x450 && u <= 0x45F) return u - 0x50;
+  if (u >= 0xFF41 && u <= 0xFF5A) return u - 0x20;
+  return u;
 }

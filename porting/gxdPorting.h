@@ -1,5 +1,6 @@
 // Porting layer: the few host services the engine and the portable objects
-// need, behind one small interface: opening a file stream on a UTF-16 path,
+// need, behind one small interface: opening a file stream on a UTF-16 path
+// (the file itself, with its copy between files, is porting/gxdFileBuf.h),
 // copying a UTF-16 name field, and the case-insensitive name comparison used
 // to order siblings in a written directory.
 #ifndef GXSTORAGE_PORTING_GXDPORTING_H_
@@ -7,8 +8,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <string>
+
+#include "porting/gxdFileBuf.h"
 
 // Modes of pdOpenFile.
 enum : int {
@@ -17,11 +19,11 @@ enum : int {
   kPdOpenTemp = 2,    // temporary block file: emptied or created, read/write
 };
 
-// Opens `stream` (unopened) on the zero-terminated UTF-16 `path` in binary
-// mode. On failure the stream is left with failbit set; callers test only
-// bad() and fail(). A path that cannot be converted for the host (an unpaired
-// surrogate on hosts with 8-bit paths) fails the same way.
-void pdOpenFile(const char16_t* path, int mode, std::fstream& stream);
+// Opens `stream` (unopened) on the zero-terminated UTF-16 `path`; bytes pass
+// unchanged. On failure the stream is left with failbit set; callers test
+// only bad() and fail(). A path that cannot be converted for the host (an
+// unpaired surrogate on hosts with 8-bit paths) fails the same way.
+void pdOpenFile(const char16_t* path, int mode, pdFileStream& stream);
 
 // Sets `target` to the units of `source` before its first zero unit, reading
 // at most `maxUnits` units.
@@ -34,6 +36,12 @@ void pdConvertWCHAR2String(const char16_t* source, uint64_t maxUnits,
 int pdCompareNoCase(const char16_t* a, size_t aLength, const char16_t* b,
                     size_t bLength);
 int pdCompareNoCase(const char16_t* a, const char16_t* b);
+
+// The upper-case form of one UTF-16 unit as the platform's name comparison
+// folds it: ASCII and Latin-1 letters, Latin Extended-A pairs, Greek and
+// Cyrillic base letters and the full-width Latin letters; every other unit
+// is its own upper case.
+char16_t pdFoldUpper(char16_t unit);
 
 // Copies a zero-terminated string of 16-bit units as the interface passes
 // them into a UTF-16 string, unit for unit.

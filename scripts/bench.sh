@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks: workloads W1-W6 through the library, the
-# plain-file limit and libgsf, printed as one table.
+# plain-file limit and libgsf, printed as one table per backend of the
+# library (the platform one only where the host has it); then W7, edits of a
+# 1 GiB file in place against copying it.
 #
 #   scripts/bench.sh [gxStorageBench options...]
-#     e.g. --repetitions 9, --only W3,W6, --keep
+#     e.g. --repetitions 9, --only W3,W6, --impl ours,libgsf,
+#     --backend portable, --inputs ours, --keep
 #
 # Installs Google Benchmark and libgsf (with pkg-config) through apt-get when
 # they are missing, and only then. Builds in build/bench (Release).
@@ -26,4 +29,6 @@ fi
 
 cmake --preset bench >/dev/null
 cmake --build --preset bench -j "${JOBS:-2}" >/dev/null
-exec build/bench/bin/gxStorageBench "$@"
+python=$(bash scripts/python-env.sh) && "$python" python/bench/bench.py || echo "bench: the Python bench did not run" >&2
+build/bench/bin/gxStorageBench "$@"
+build/bench/bin/gxStorageBenchEdit

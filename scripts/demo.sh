@@ -6,8 +6,9 @@
 # Copies examples/sample/ into a scratch folder, adds a generated 7.5 MB file
 # (large enough that the file needs DIFAT sectors; never committed), packs
 # the tree with gxstg, shows `info`, `tree` and `cat`, extracts it into a
-# fresh folder, compares with diff -r and prints the verdict. It also probes
-# a file that is not a compound file.
+# fresh folder, compares with diff -r and prints the verdict. Then it edits
+# the file in place (put, mv, rm, mkdir, compact) and probes a file that is
+# not a compound file.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
@@ -40,6 +41,19 @@ else
   verdict="DIFFERENT: the extracted tree differs from the original"
   status=1
 fi
+
+# Editing in place: each edit is one transaction on the file.
+echo
+echo "== edit the file in place (each edit one transaction)"
+printf 'Edited in place by gxstg put.\n' > "$scratch/note.txt"
+show "$gxstg" put "$scratch/sample.cfb" docs/edited.txt "$scratch/note.txt"
+show "$gxstg" mv "$scratch/sample.cfb" readme.txt README
+show "$gxstg" rm "$scratch/sample.cfb" media
+show "$gxstg" mkdir "$scratch/sample.cfb" archive/2026
+show "$gxstg" tree "$scratch/sample.cfb"
+show "$gxstg" cat "$scratch/sample.cfb" docs/edited.txt
+show "$gxstg" compact "$scratch/sample.cfb"
+show "$gxstg" info "$scratch/sample.cfb"
 
 # A file that is not a compound file: the probe says why (exit code 3).
 show "$gxstg" probe "$scratch/sample.cfb" README.md || true

@@ -3,8 +3,8 @@
 #
 #   scripts/fuzz.sh [--smoke] [--summary FILE] [TARGET...]
 #
-# TARGET is probe, open, entry or writer (default: all four, one after the
-# other).
+# TARGET is probe, open, entry, writer, service_open or service_ops
+# (default: all six, one after the other).
 #
 # Full mode (make fuzz): each target runs for FUZZ_SECONDS (default 300)
 # from the committed seeds in fuzz/corpus/<target>/ plus a growing working
@@ -40,12 +40,12 @@ while [[ $# -gt 0 ]]; do
   case $1 in
     --smoke) smoke=1 ;;
     --summary) summary_file=$2; shift ;;
-    probe|open|entry|writer) targets+=("$1") ;;
-    *) echo "usage: $0 [--smoke] [--summary FILE] [probe|open|entry|writer...]" >&2; exit 2 ;;
+    probe|open|entry|writer|service_open|service_ops) targets+=("$1") ;;
+    *) echo "usage: $0 [--smoke] [--summary FILE] [probe|open|entry|writer|service_open|service_ops...]" >&2; exit 2 ;;
   esac
   shift
 done
-[[ ${#targets[@]} -eq 0 ]] && targets=(probe open entry writer)
+[[ ${#targets[@]} -eq 0 ]] && targets=(probe open entry writer service_open service_ops)
 
 leg_report() {  # leg_report LINE
   echo "$1"
@@ -84,7 +84,7 @@ for t in "${targets[@]}"; do
   # largest seed (a file with a DIFAT sector is about 64 KiB).
   max_len=65536 len_control=100
   # Call scripts gain nothing from growing slowly.
-  [[ $t == writer ]] && max_len=4096 len_control=0
+  [[ $t == writer || $t == service_ops ]] && max_len=4096 len_control=0
   common=(-rss_limit_mb=512 -malloc_limit_mb=256 -timeout=5 -max_len=$max_len
           -len_control=$len_control
           -print_final_stats=1 -artifact_prefix="$build/artifacts/$t-")

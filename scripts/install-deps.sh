@@ -13,6 +13,8 @@ packages=(
   mingw-w64               # cross build for Windows
   wine wine64             # runs the Windows tests
   python3-olefile         # independent reader used by tests
+  libgsf-bin              # gsf, a second independent reader
+  python3-dev python3-pybind11 python3-venv python3-pytest  # Python package
   clang libclang-rt-dev   # libFuzzer and sanitizer runtimes for the fuzz leg
   "$@"
 )

@@ -3,19 +3,20 @@
 #   tests: N lines against M of code (P%)
 # Lines are non-blank lines that are not only a comment, in C++ sources and
 # headers, Python and shell scripts. Tests are everything under tests/; code
-# is the library's and the tool's folders. Fuzz targets (fuzz/) and
-# benchmarks (bench/) count on neither side.
+# is the library's, the tools' and the Python package's folders. Fuzz
+# targets (fuzz/) and benchmarks (bench/, python/bench/) count on neither
+# side.
 #   scripts/test-ratio.sh   (from any directory)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 count() {
-  find "$@" -type f \( -name '*.h' -o -name '*.cpp' -o -name '*.cc' -o -name '*.c' -o -name '*.py' -o -name '*.sh' \) 2>/dev/null |
+  find "$@" -type f -not -path '*/bench/*' \( -name '*.h' -o -name '*.cpp' -o -name '*.cc' -o -name '*.c' -o -name '*.py' -o -name '*.sh' \) 2>/dev/null |
     xargs -r cat | grep -v '^[[:space:]]*$' | grep -vcE '^[[:space:]]*(//|#[^a-z!]|/\*|\*)'
 }
 
 code_dirs=()
-for d in include public portable engine porting platform service tools; do
+for d in include public portable engine porting platform service tools python; do
   [[ -d $d ]] && code_dirs+=("$d")
 done
 tests=$(count tests || true)

@@ -7,7 +7,9 @@
 // for a stack frame per link.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <random>
 #include <tuple>
 
 #include "engine/gxdCompoundFile.h"
@@ -261,6 +263,67 @@ TEST(Corruption, StoragesNestedTooDeepAreRefused) {
     Loaded l(b.build());
     EXPECT_EQ(depth <= gxdCompoundFile::kMaxDirectoryDepth, l.ok()) << depth;
   }
+}
+
+// Chains whose units jump around the file in runs of random lengths, read
+// at seeded random positions and lengths, then front to back in random
+// chunks: every read delivers exactly the stream's bytes there, whichever run
+// of the stream's cached chain it lands in.
+TEST(Corruption, ScatteredChainsReadAtRandomPositions) {
+  std::mt19937 rng(27);
+  gxTestFileBuilder b;
+  const uint32_t big = b.addStream(0, u"big", pattern(300 * 512 - 17, 3));
+  const uint32_t small = b.addStream(0, u"small", pattern(4000, 4));
+  std::string f = b.build();
+  // Unit i of entry n's bytes goes to unit order[i] of the units its chain
+  // held, and the chain is linked in that order.
+  auto scramble = [&](uint32_t n, uint32_t count, uint32_t size,
+                      uint64_t unitsAt, uint64_t linksAt) {
+    std::vector<std::vector<uint32_t>> runs;
+    for (uint32_t u = b.entries[n].startSector, end = u + count; u < end;) {
+      runs.emplace_back();
+      for (uint32_t k = 1 + rng() % 12; k > 0 && u < end; --k)
+        runs.back().push_back(u++);
+    }
+    std::shuffle(runs.begin(), runs.end(), rng);
+    std::vector<uint32_t> order;
+    for (const auto& run : runs) order.insert(order.end(), run.begin(), run.end());
+    for (uint32_t i = 0; i < count; ++i) {
+      const std::string unit = b.entries[n].data.substr(size_t{i} * size, size);
+      f.replace(unitsAt + uint64_t{order[i]} * size, unit.size(), unit);
+      gxPutU32(f, linksAt + 4 * uint64_t{order[i]},
+               i + 1 < count ? order[i + 1] : gxTestFileBuilder::kEnd);
+    }
+    gxPutU32(f, b.entryOffset(n) + 116, order[0]);
+  };
+  scramble(big, 300, 512, b.sectorOffset(0), b.fatEntryOffset(0));
+  scramble(small, 63, 64, b.sectorOffset(b.miniStreamSectors[0]),
+           b.sectorOffset(b.miniFatSectors[0]));
+  std::ofstream("load_test_scattered.gxw", std::ios::binary) << f;
+  gxdIStorage* root = nullptr;
+  ASSERT_EQ(gxdStgOpenStorage(u"load_test_scattered.gxw", 0, &root), GX_S_OK);
+  for (uint32_t n : {big, small}) {
+    const std::string& data = b.entries[n].data;
+    gxdIStream* s = nullptr;
+    ASSERT_EQ(root->openStream(b.entries[n].name.c_str(), &s), GX_S_OK);
+    std::string got(data.size() + 1, '\0'), all;
+    for (int k = 0; k < 300; ++k) {
+      const uint64_t at = rng() % (data.size() + 1);
+      const uint64_t ask = rng() % 3 == 0 ? rng() % 5000 : rng() % 600;
+      uint64_t done = 0;
+      s->setPosition(at);
+      const gxResult r = s->read(&got[0], ask, &done);
+      ASSERT_EQ(done, std::min<uint64_t>(ask, data.size() - at)) << at;
+      EXPECT_EQ(r, at == data.size() ? GX_S_FALSE : GX_S_OK) << at;
+      EXPECT_TRUE(got.compare(0, done, data, at, done) == 0) << at << " " << ask;
+    }
+    s->setPosition(0);
+    for (uint64_t done = 1; done > 0; all.append(got, 0, done))
+      s->read(&got[0], 1 + rng() % 1500, &(done = 0));
+    EXPECT_TRUE(all == data);
+    s->release();
+  }
+  root->release();
 }
 
 template <typename Entry>

@@ -16,6 +16,7 @@
 
 #include "portable/gxdFileView.h"
 #include "portable/gxdInterfaces.h"
+#include "support/gxRoundTrip.h"
 #include "support/gxTestFileBuilder.h"
 
 namespace {
@@ -28,8 +29,7 @@ struct Element {
   std::string data;
 };
 using Plan = std::vector<Element>;  // parents before their children
-// Element path -> (is a storage, stream bytes).
-using Tree = std::map<std::u16string, std::pair<bool, std::string>>;
+using Tree = gxRtTree;
 
 // Names share a small alphabet (case variants, punctuation, non-ASCII) so
 // that the children trees see equal lengths and case-only differences; names
@@ -137,12 +137,75 @@ void writeTree(const std::u16string& file, const Plan& plan, uint32_t seed,
   gxStgCloseStorage(root);
 }
 
+#ifdef _WIN32
+// The tree below `storage` as the platform's service lists and reads it.
+// Opening each stream by name also checks that the children tree is ordered
+// the way the platform searches it.
+void readPlatform(CGxAbsStorage* storage, const std::u16string& prefix,
+                  Tree& tree) {
+  CGxAbsStgEnum* e = nullptr;
+  ASSERT_TRUE(storage->enumElements(&e));
+  gxdsSTATSTG r;
+  while (e->next(1, &r, nullptr)) {
+    const std::u16string name(reinterpret_cast<const char16_t*>(r.name()));
+    const std::u16string path = prefix.empty() ? name : prefix + u"/" + name;
+    uint32_t size = 0, high = 0;
+    r.size(size, high);
+    std::string data(size, '\0');
+    unsigned long long got = 0;
+    CGxAbsStorage* child = nullptr;
+    CGxAbsStream* s = nullptr;
+    if (r.type() == GX_STGTY_STORAGE) {
+      ASSERT_EQ(storage->openIStorage(r.name(), true, &child), 0);
+      readPlatform(child, path, tree);
+    } else {
+      ASSERT_EQ(storage->openIStream(r.name(), true, &s), 0);
+      if (size > 0) s->read(&data[0], size, &got);
+    }
+    data.resize(got);
+    tree[path] = {r.type() == GX_STGTY_STORAGE, data};
+  }
+}
+
+// The platform's service opens `file` and finds exactly `tree` in it.
+void expectReferenceSees(const fs::path& file, const Tree& tree) {
+  CGxAbsStorage* root = nullptr;
+  ASSERT_EQ(gxStgOpenStorage(units(file.u16string()), 0x12, &root, false), 0);
+  Tree seen;
+  readPlatform(root, u"", seen);
+  gxStgCloseStorage(root);
+  gxExpectSameTree(seen, tree);
+}
+#else
+std::string run(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return "popen failed";
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+  return pclose(pipe) == 0 ? out : out + "\nexit status nonzero";
+}
+
+void expectReferenceSees(const fs::path& file, const Tree& tree) {
+  gxExpectOlefileReads(file, tree);
+}
+#endif
+
+fs::path scratch(const char* prefix) {
+  const fs::path dir = fs::temp_directory_path() /
+                       (prefix + std::to_string(std::random_device{}()));
+  fs::create_directories(dir);
+  return dir;
+}
+
+}  // namespace
+
 // The tree of `file` as our loader lists it and the portable streams read
 // it: all streams open at once and read in turns, in chunks of varying
 // sizes, so that every read positions the shared file itself; then the end,
 // positions through the chain, past the end, and a clone.
-Tree readOurs(const std::u16string& file, uint32_t* sectorSize = nullptr) {
-  Tree tree;
+gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
+  gxRtTree tree;
   gxdFileView view;
   EXPECT_EQ(view.open(file.c_str()), gxdFileView::Status::kOk);
   gxdIStorage* root = nullptr;
@@ -208,69 +271,24 @@ Tree readOurs(const std::u16string& file, uint32_t* sectorSize = nullptr) {
   return tree;
 }
 
-void expectSameTree(const Tree& seen, const Tree& written) {
+void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written) {
   EXPECT_EQ(seen.size(), written.size());
   for (const auto& [path, value] : written) {
     auto found = seen.find(path);
     EXPECT_TRUE(found != seen.end() && found->second == value)
-        << fs::path(path).string();
+        << std::filesystem::path(path).string();
   }
 }
 
-#ifdef _WIN32
-// The tree below `storage` as the platform's service lists and reads it.
-// Opening each stream by name also checks that the children tree is ordered
-// the way the platform searches it.
-void readPlatform(CGxAbsStorage* storage, const std::u16string& prefix,
-                  Tree& tree) {
-  CGxAbsStgEnum* e = nullptr;
-  ASSERT_TRUE(storage->enumElements(&e));
-  gxdsSTATSTG r;
-  while (e->next(1, &r, nullptr)) {
-    const std::u16string name(reinterpret_cast<const char16_t*>(r.name()));
-    const std::u16string path = prefix.empty() ? name : prefix + u"/" + name;
-    uint32_t size = 0, high = 0;
-    r.size(size, high);
-    std::string data(size, '\0');
-    unsigned long long got = 0;
-    CGxAbsStorage* child = nullptr;
-    CGxAbsStream* s = nullptr;
-    if (r.type() == GX_STGTY_STORAGE) {
-      ASSERT_EQ(storage->openIStorage(r.name(), true, &child), 0);
-      readPlatform(child, path, tree);
-    } else {
-      ASSERT_EQ(storage->openIStream(r.name(), true, &s), 0);
-      if (size > 0) s->read(&data[0], size, &got);
-    }
-    data.resize(got);
-    tree[path] = {r.type() == GX_STGTY_STORAGE, data};
-  }
-}
-
-// The platform's service opens `file` and finds exactly `tree` in it.
-void expectReferenceSees(const fs::path& file, const Tree& tree) {
-  CGxAbsStorage* root = nullptr;
-  ASSERT_EQ(gxStgOpenStorage(units(file.u16string()), 0x12, &root, false), 0);
-  Tree seen;
-  readPlatform(root, u"", seen);
-  gxStgCloseStorage(root);
-  expectSameTree(seen, tree);
-}
-#else
-std::string run(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return "popen failed";
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
-  return pclose(pipe) == 0 ? out : out + "\nexit status nonzero";
-}
-
-// olefile reads `file` and finds exactly `tree` in it: the tree listed the
-// way tests/tools/olefile_dump.py lists the file.
-void expectReferenceSees(const fs::path& file, const Tree& tree) {
+#ifndef _WIN32
+// olefile reads `file` and finds exactly `tree` (an element named "" stands
+// for the root) in it: the tree listed the way tests/tools/olefile_dump.py
+// lists the file.
+void gxExpectOlefileReads(const std::filesystem::path& file,
+                          const gxRtTree& tree) {
   std::vector<std::string> lines;
   for (const auto& [path, value] : tree) {
+    if (path.empty()) continue;  // the root
     std::string line = value.first ? "storage " : "stream ";
     char buf[32];
     for (char16_t c : path) {
@@ -287,6 +305,7 @@ void expectReferenceSees(const fs::path& file, const Tree& tree) {
   std::sort(lines.begin(), lines.end());
   std::string want;
   for (const std::string& line : lines) want += line;
+  EXPECT_NE(want, "");
   EXPECT_EQ(run("/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
                 "/tests/tools/olefile_dump.py " +
                 file.string() + " 2>&1"),
@@ -294,14 +313,17 @@ void expectReferenceSees(const fs::path& file, const Tree& tree) {
 }
 #endif
 
-fs::path scratch(const char* prefix) {
-  const fs::path dir = fs::temp_directory_path() /
-                       (prefix + std::to_string(std::random_device{}()));
-  fs::create_directories(dir);
-  return dir;
+std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
+    const std::u16string& dir) {
+  std::vector<std::pair<std::u16string, gxRtTree>> files;
+  uint32_t seed = 0;
+  for (const auto& [name, plan] : plans()) {
+    const std::u16string file = (fs::path(dir) / (name + ".gxw")).u16string();
+    writeTree(file, plan, ++seed, true);
+    files.emplace_back(file, treeOf(plan));
+  }
+  return files;
 }
-
-}  // namespace
 
 // A tree written the same way gives the same file, byte for byte: hashes of
 // the files, taken when every reader read them back.
@@ -311,16 +333,14 @@ TEST(RoundTripTest, RandomTreesReadBackByOurLoaderAndTheReference) {
                               0x5A9116EE638B71AFull, 0x03F937B5B7EA1707ull,
                               0x5CE229853983BD5Eull};
   const fs::path dir = scratch("gx-rt-");
-  uint32_t seed = 0;
-  for (const auto& [name, plan] : plans()) {
-    SCOPED_TRACE(name);
-    const fs::path file = dir / (name + ".gxw");
-    writeTree(file.u16string(), plan, ++seed, true);
+  const uint64_t* hash = kHashes;
+  for (const auto& [file, tree] : gxWriteRoundTripFiles(dir.u16string())) {
+    SCOPED_TRACE(fs::path(file).filename().string());
     std::ostringstream bytes;
-    bytes << std::ifstream(file, std::ios::binary).rdbuf();
-    EXPECT_EQ(gxHashBytes(bytes.str()), kHashes[seed - 1]);
-    expectSameTree(readOurs(file.u16string()), treeOf(plan));
-    expectReferenceSees(file, treeOf(plan));
+    bytes << std::ifstream(fs::path(file), std::ios::binary).rdbuf();
+    EXPECT_EQ(gxDigest(bytes.str()), *hash++);
+    gxExpectSameTree(gxReadOurs(file), tree);
+    expectReferenceSees(file, tree);
   }
   fs::remove_all(dir);
 }
@@ -336,7 +356,7 @@ TEST(PlatformFiles, FilesThePlatformWroteLoadAsTheReferenceReadsThem) {
     const fs::path file = dir / ("ole32_v" + std::to_string(version) + ".cfb");
     fs::copy_file(fs::path(GXSTORAGE_TEST_DATA_DIR) / file.filename(), file);
     uint32_t sectorSize = 0;
-    const Tree tree = readOurs(file.u16string(), &sectorSize);
+    const Tree tree = gxReadOurs(file.u16string(), &sectorSize);
     EXPECT_GE(tree.size(), 20u);
     EXPECT_EQ(version == 4 ? 4096u : 512u, sectorSize);
     expectReferenceSees(file, tree);
@@ -347,7 +367,7 @@ TEST(PlatformFiles, FilesThePlatformWroteLoadAsTheReferenceReadsThem) {
     SCOPED_TRACE(name);
     const fs::path file = dir / (name + ".cfb");
     writeTree(file.u16string(), plan, 1, false);
-    expectSameTree(readOurs(file.u16string()), treeOf(plan));
+    gxExpectSameTree(gxReadOurs(file.u16string()), treeOf(plan));
   }
 #endif
   fs::remove_all(dir);

@@ -16,8 +16,13 @@ uint32_t ceilDiv(uint64_t a, uint64_t b) {
 void gxPutU32(std::string& f, uint64_t at, uint32_t v, int width) {
   for (int i = 0; i < width; ++i) f[at + i] = static_cast<char>(v >> (8 * i));
 }
+uint32_t gxGetU32(const std::string& f, uint64_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(f[at + i]);
+  return v;
+}
 
-uint64_t gxHashBytes(const std::string& bytes) {
+uint64_t gxDigest(const std::string& bytes) {
   uint64_t h = 0xCBF29CE484222325ull;
   for (unsigned char c : bytes) h = (h ^ c) * 0x100000001B3ull;
   return h;

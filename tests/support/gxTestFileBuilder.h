@@ -74,10 +74,11 @@ class gxTestFileBuilder {
                std::string data);
 };
 
-// Little-endian store of the low `width` bytes of `value`.
+// Little-endian store of the low `width` bytes of `value`, and a load.
 void gxPutU32(std::string& file, uint64_t offset, uint32_t value,
               int width = 4);
-// A 64-bit FNV-1a hash of `bytes`, for tests that compare whole files.
-uint64_t gxHashBytes(const std::string& bytes);
+uint32_t gxGetU32(const std::string& file, uint64_t offset);
+// 64-bit FNV-1a digest of `bytes`: pins whole files written byte for byte.
+uint64_t gxDigest(const std::string& bytes);
 
 #endif  // GXSTORAGE_TESTS_SUPPORT_GXTESTFILEBUILDER_H_

@@ -30,6 +30,11 @@ int runTree(const Args& args);
 int runCat(const Args& args);
 int runExtract(const Args& args);
 int runPack(const Args& args);
+int runPut(const Args& args);
+int runRemove(const Args& args);
+int runMove(const Args& args);
+int runMakeDir(const Args& args);
+int runCompact(const Args& args);
 
 // Prints "gxstg: <message>" to standard error and returns `code`.
 int fail(int code, const std::string& message);

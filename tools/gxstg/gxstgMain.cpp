@@ -35,6 +35,14 @@ const char kToolHelp[] =
     "  cat FILE PATH      a stream's bytes to standard output\n"
     "  extract FILE DIR   the whole tree as folders and files under DIR\n"
     "  pack DIR FILE      a folder tree into a new compound file\n"
+    "  put FILE PATH [SRC]  write SRC (or standard input) as stream PATH\n"
+    "  rm FILE PATH       remove a stream, or a storage with all below it\n"
+    "  mv FILE PATH NEWNAME  rename an element inside its storage\n"
+    "  mkdir FILE PATH    create a storage (and the storages above it)\n"
+    "  compact FILE       rewrite FILE without free space\n"
+    "\n"
+    "Each edit (put, rm, mv, mkdir) is one transaction: the file holds the\n"
+    "whole edit or none of it, even when the program is killed.\n"
     "\n"
     "'gxstg COMMAND --help' describes one command.\n"
     "\n"
@@ -94,6 +102,33 @@ const std::map<std::string, const char*>& commandHelp() {
        "refused (exit 1). Symbolic links and special files are skipped with\n"
        "a warning. The temporary file that the library keeps beside FILE\n"
        "while writing is removed afterwards.\n"},
+      {"put",
+       "usage: gxstg put FILE PATH [SRC]\n"
+       "\n"
+       "Writes the bytes of SRC (standard input when SRC is absent) as the\n"
+       "stream PATH of FILE, replacing a stream of that name; storages on the\n"
+       "way are created. PATH is written as 'gxstg tree' prints it. One\n"
+       "transaction: FILE holds the old or the new tree, never a mix.\n"},
+      {"rm",
+       "usage: gxstg rm FILE PATH\n"
+       "\n"
+       "Removes the stream PATH, or the storage PATH with everything below\n"
+       "it. The space it used is zeroed and reused.\n"},
+      {"mv",
+       "usage: gxstg mv FILE PATH NEWNAME\n"
+       "\n"
+       "Renames the element PATH to NEWNAME inside the same storage.\n"
+       "A name is 1 to 31 UTF-16 units without / \\ : or ! (exit 1).\n"},
+      {"mkdir",
+       "usage: gxstg mkdir FILE PATH\n"
+       "\n"
+       "Creates the storage PATH and any missing storage above it.\n"},
+      {"compact",
+       "usage: gxstg compact FILE\n"
+       "\n"
+       "Rewrites FILE without free space: the same tree, class ids and\n"
+       "state bits. The copy is written beside FILE, flushed, then renamed\n"
+       "over it, so FILE is never half written.\n"},
   };
   return help;
 }
@@ -117,6 +152,8 @@ int dispatch(const std::vector<std::string>& argv) {
   static const std::map<std::string, Run> commands = {
       {"probe", runProbe}, {"info", runInfo},       {"tree", runTree},
       {"cat", runCat},     {"extract", runExtract}, {"pack", runPack},
+      {"put", runPut},     {"rm", runRemove},       {"mv", runMove},
+      {"mkdir", runMakeDir}, {"compact", runCompact},
   };
   auto found = commands.find(command);
   if (found == commands.end())

@@ -172,6 +172,13 @@ int runInfo(const Args& args) {
       bytes += e.size;
     }
   }
+  // Free sectors: FAT entries marked free for sectors inside the file.
+  std::error_code ec;
+  uint64_t length = fs::file_size(hostPath(args[0]), ec);
+  uint64_t sectors = length > f.sectorSize ? (length - 1) / f.sectorSize : 0;
+  uint64_t free = 0;
+  for (uint64_t s = 0; s < sectors && s < f.fat.size(); ++s)
+    if (f.fat[s] == kFreeSect) ++free;
   std::cout << "file:                 " << args[0] << "\n"
             << "version:              " << f.header.majorVersion << "."
             << f.header.minorVersion << "\n"
@@ -182,6 +189,7 @@ int runInfo(const Args& args) {
             << "DIFAT sectors:        " << f.header.numDifatSectors << "\n"
             << "MiniFAT sectors:      " << f.header.numMiniFatSectors << "\n"
             << "directory sectors:    " << f.loadedDirectorySectors() << "\n"
+            << "free sectors:         " << free << "\n"
             << "storages:             " << storages << "\n"
             << "streams:              " << streams << "\n"
             << "stream bytes:         " << bytes << "\n";
