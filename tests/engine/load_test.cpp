@@ -272,37 +272,35 @@ TEST(Corruption, StoragesNestedTooDeepAreRefused) {
 TEST(Corruption, ScatteredChainsReadAtRandomPositions) {
   std::mt19937 rng(27);
   gxTestFileBuilder b;
-  const uint32_t big = b.addStream(0, u"big", pattern(300 * 512 - 17, 3));
-  const uint32_t small = b.addStream(0, u"small", pattern(4000, 4));
+  b.addStream(0, u"big", pattern(300 * 512 - 17, 3));
+  b.addStream(0, u"small", pattern(4000, 4));
   std::string f = b.build();
-  // Unit i of entry n's bytes goes to unit order[i] of the units its chain
-  // held, and the chain is linked in that order.
-  auto scramble = [&](uint32_t n, uint32_t count, uint32_t size,
-                      uint64_t unitsAt, uint64_t linksAt) {
+  // Entry n's units of `size` bytes at `units`, linked in the table at
+  // `links`, are moved and relinked in runs taken in random order.
+  for (auto [n, size, units, links] :
+       {std::tuple{1u, 512u, b.sectorOffset(0), b.fatEntryOffset(0)},
+        {2u, 64u, b.sectorOffset(b.miniStreamSectors[0]),
+         b.sectorOffset(b.miniFatSectors[0])}}) {
+    const std::string& data = b.entries[n].data;
     std::vector<std::vector<uint32_t>> runs;
-    for (uint32_t u = b.entries[n].startSector, end = u + count; u < end;) {
-      runs.emplace_back();
-      for (uint32_t k = 1 + rng() % 12; k > 0 && u < end; --k)
-        runs.back().push_back(u++);
-    }
+    for (uint32_t u = 0; u * size < data.size(); runs.back().push_back(u++))
+      if (runs.empty() || rng() % 8 == 0) runs.emplace_back();
     std::shuffle(runs.begin(), runs.end(), rng);
     std::vector<uint32_t> order;
     for (const auto& run : runs) order.insert(order.end(), run.begin(), run.end());
-    for (uint32_t i = 0; i < count; ++i) {
-      const std::string unit = b.entries[n].data.substr(size_t{i} * size, size);
-      f.replace(unitsAt + uint64_t{order[i]} * size, unit.size(), unit);
-      gxPutU32(f, linksAt + 4 * uint64_t{order[i]},
-               i + 1 < count ? order[i + 1] : gxTestFileBuilder::kEnd);
+    const uint32_t first = b.entries[n].startSector;
+    for (size_t i = 0; i < order.size(); ++i) {
+      const std::string unit = data.substr(i * size, size);
+      f.replace(units + uint64_t{first + order[i]} * size, unit.size(), unit);
+      gxPutU32(f, links + 4 * uint64_t{first + order[i]},
+               i + 1 < order.size() ? first + order[i + 1] : b.kEnd);
     }
-    gxPutU32(f, b.entryOffset(n) + 116, order[0]);
-  };
-  scramble(big, 300, 512, b.sectorOffset(0), b.fatEntryOffset(0));
-  scramble(small, 63, 64, b.sectorOffset(b.miniStreamSectors[0]),
-           b.sectorOffset(b.miniFatSectors[0]));
+    gxPutU32(f, b.entryOffset(n) + 116, first + order[0]);
+  }
   std::ofstream("load_test_scattered.gxw", std::ios::binary) << f;
   gxdIStorage* root = nullptr;
   ASSERT_EQ(gxdStgOpenStorage(u"load_test_scattered.gxw", 0, &root), GX_S_OK);
-  for (uint32_t n : {big, small}) {
+  for (uint32_t n : {1u, 2u}) {
     const std::string& data = b.entries[n].data;
     gxdIStream* s = nullptr;
     ASSERT_EQ(root->openStream(b.entries[n].name.c_str(), &s), GX_S_OK);

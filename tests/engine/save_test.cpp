@@ -70,30 +70,50 @@ struct Doc {
   }
 };
 
-// A storage, small streams (MiniFAT, mini stream) and a large stream whose
-// chain crosses the first FAT sector's reach, its blocks interleaved with the
-// small streams' in the temporary file.
-struct FaultDoc : Doc {
-  FaultDoc() {
-    gxdStorageEntry* s = storage(u"S");
-    const uint32_t sizes[4] = {100, 3000, 150 * 512 + 7, 4095};
-    pdTable* l[4];
-    for (int i = 0; i < 4; ++i)
-      l[i] = &entry(std::u16string(1, char16_t(u'a' + i)), sizes[i],
-                    i == 1 ? s : nullptr);
-    uint8_t block[512];
-    for (uint32_t b = 0, done = 0; done < 4; ++b) {
-      done = 0;
-      for (int i = 0; i < 4; ++i) {
-        if (l[i]->size() * 512 >= sizes[i]) {
-          ++done;
-          continue;
-        }
-        for (int j = 0; j < 512; ++j) block[j] = uint8_t(b * 31 + j + i);
-        l[i]->push_back(cf.writeTempBlock(block));
-      }
+// `count` elements under random parents, streams of 0 bytes, below the
+// cutoff, or 4096 and up to `large` more; their blocks written in turns, a few
+// at a time, so that they interleave in the temporary file and the first
+// writes come in another order than the creations.
+void randomDoc(Doc& d, uint32_t seed, int count, uint32_t large) {
+  std::mt19937 rng(seed);
+  std::vector<gxdStorageEntry*> parents{&d.cf.rootEntry};
+  std::vector<std::pair<gxdDirEntry*, pdTable*>> pending;
+  d.lateRecord = true;
+  for (int i = 0; i < count; ++i) {
+    std::u16string name(1 + rng() % 12, u'x');
+    for (char16_t& c : name) c = char16_t(u'A' + rng() % 40);
+    gxdStorageEntry* parent = parents[rng() % parents.size()];
+    if (rng() % 16 == 0) {
+      parents.push_back(d.storage(name, parent));
+      continue;
+    }
+    const uint32_t kind = rng() % 10;
+    const uint64_t size =
+        kind == 0 ? 0 : kind < 8 ? 1 + rng() % 4095 : 4096 + rng() % large;
+    pdTable& list = d.entry(name, size, parent);
+    if (size != 0) pending.emplace_back(&d.streams.back(), &list);
+  }
+  uint8_t block[512];
+  while (!pending.empty()) {
+    const size_t k = rng() % pending.size();
+    auto [e, list] = pending[k];
+    for (uint32_t n = 1 + rng() % 4; n > 0 && list->size() * 512 < e->size;
+         --n) {
+      if (list->empty()) d.record(3, e, list);
+      for (uint8_t& b : block) b = uint8_t(rng());
+      list->push_back(d.cf.writeTempBlock(block));
+    }
+    if (list->size() * 512 >= e->size) {
+      pending[k] = pending.back();
+      pending.pop_back();
     }
   }
+}
+
+// Small streams (MiniFAT, mini stream) and large ones whose chains cross the
+// first FAT sector's reach, their blocks interleaved in the temporary file.
+struct FaultDoc : Doc {
+  FaultDoc() { randomDoc(*this, 36, 12, 90000); }
 };
 
 }  // namespace
@@ -126,43 +146,8 @@ TEST(SaveTest, FilesAtEachLimitOfTheLayoutKeepTheirBytes) {
       {"FAT sectors 110 and 237 bring DIFAT sectors",
        [](Doc& d) { d.stream(u"big", 30400ull * 512, true); }, 15689728,
        0xC837E0C0416FB55Aull},
-      {"1600 elements under random parents, their blocks interleaved and "
-       "first written in another order than created",
-       [](Doc& d) {
-         std::mt19937 rng(14);
-         std::vector<gxdStorageEntry*> parents{&d.cf.rootEntry};
-         std::vector<std::pair<gxdDirEntry*, pdTable*>> pending;
-         d.lateRecord = true;
-         for (int i = 0; i < 1600; ++i) {
-           std::u16string name(1 + rng() % 12, u'x');
-           for (char16_t& c : name) c = char16_t(u'A' + rng() % 40);
-           gxdStorageEntry* parent = parents[rng() % parents.size()];
-           if (rng() % 16 == 0) {
-             parents.push_back(d.storage(name, parent));
-             continue;
-           }
-           const uint32_t kind = rng() % 10;
-           const uint64_t size =
-               kind == 0 ? 0 : kind < 8 ? 1 + rng() % 4095 : 4096 + rng() % 9000;
-           pdTable& list = d.entry(name, size, parent);
-           if (size != 0) pending.emplace_back(&d.streams.back(), &list);
-         }
-         uint8_t block[512];
-         while (!pending.empty()) {
-           const size_t k = rng() % pending.size();
-           auto [e, list] = pending[k];
-           for (uint32_t n = 1 + rng() % 4; n > 0 && list->size() * 512 < e->size;
-                --n) {
-             if (list->empty()) d.record(3, e, list);
-             for (uint8_t& b : block) b = uint8_t(rng());
-             list->push_back(d.cf.writeTempBlock(block));
-           }
-           if (list->size() * 512 >= e->size) {
-             pending[k] = pending.back();
-             pending.pop_back();
-           }
-         }
-       },
+      {"1600 elements under random parents, written in turns",
+       [](Doc& d) { randomDoc(d, 14, 1600, 9000); },
        10363u * 512, 0xE03B44AAED513E86ull},
   };
   for (const auto& c : cases) {
@@ -192,6 +177,10 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
   ASSERT_TRUE(reference.out.good());
   const std::string& whole = reference.out.buf().data();
   ASSERT_GT(whole.size(), 150u * 512);
+  const uint64_t temp = reference.temp.buf().data().size();
+  std::vector<size_t> used;  // lists with blocks
+  for (size_t k = 0; k < reference.lists.size(); ++k)
+    if (!reference.lists[k].empty()) used.push_back(k);
   auto failsWithin = [&](FaultDoc& d, const char* what, uint64_t n) {
     d.save();
     EXPECT_TRUE(d.out.fail()) << what << " " << n;
@@ -202,7 +191,7 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
     d.out.buf().failAfter = n;
     failsWithin(d, "output fails after", n);
   }
-  for (uint64_t n = 0; n < 166 * 512; n += 997) {
+  for (uint64_t n = 0; n < temp; n += 997) {
     FaultDoc d;
     d.temp.buf().failAfter = d.temp.buf().transferred() + n;
     failsWithin(d, "temporary file reads fail after", n);
@@ -210,8 +199,8 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
   for (int i = 0; i < 4; ++i) {
     FaultDoc d;
     if (i == 0) d.out.buf().refuseSeeks = true;
-    if (i == 1) d.temp.buf().data().resize(100 * 512 + 3);  // cut short
-    if (i >= 2) d.lists[i == 2 ? 0 : 2].pop_back();  // last block never written
+    if (i == 1) d.temp.buf().data().resize(temp / 2 + 3);  // cut short
+    if (i >= 2) d.lists[i == 2 ? used[0] : used.back()].pop_back();  // lost
     failsWithin(d, "refused seeks, short temporary file, lost block", i);
   }
   FaultDoc d;  // a temporary file whose writes fail refuses the blocks

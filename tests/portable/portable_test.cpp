@@ -15,7 +15,7 @@
 
 namespace {
 
-std::string slurp(const char* path) {
+std::string slurp(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
@@ -43,9 +43,9 @@ TEST(PortableStorage, ResultCodesOwnershipAndWriteLimits) {
             GX_E_FAIL);
   EXPECT_EQ(root, reinterpret_cast<gxdIStorage*>(0x1));  // untouched
 
-  makeSmallFile(u"storage_test_codes.gxw");
-  ASSERT_EQ(gxdStgOpenStorage(u"storage_test_codes.gxw", 0xFFFF, &root),
-            GX_S_OK);
+  const char16_t* codes = u"storage_test_\u00e9\u4e2d.gxw";  // not ASCII
+  makeSmallFile(codes);
+  ASSERT_EQ(gxdStgOpenStorage(codes, 0xFFFF, &root), GX_S_OK);
   gxdStorage* r = static_cast<gxdStorage*>(root);
   SCOPED_TRACE("opened file: names it lacks, or of the other kind");
   EXPECT_EQ(root->openStream(u"S", &s), GX_STG_E_FILENOTFOUND);
@@ -73,9 +73,9 @@ TEST(PortableStorage, ResultCodesOwnershipAndWriteLimits) {
   gxdIStream* dup = reinterpret_cast<gxdIStream*>(0x1);
   EXPECT_EQ(a->createStream(u"inner", &dup), GX_STG_E_FILEALREADYEXISTS);
   EXPECT_EQ(dup, nullptr);
-  const std::string before = slurp("storage_test_codes.gxw");
+  const std::string before = slurp(codes);
   root->commit();  // an opened file is never written
-  EXPECT_EQ(slurp("storage_test_codes.gxw"), before);
+  EXPECT_EQ(slurp(codes), before);
   // What is cloned or enumerated goes with the root, once: the sanitizers
   // report any leak or second destruction.
   gxdIStream *copy = nullptr, *again = nullptr;

@@ -1,6 +1,7 @@
 // The porting layer's host file under the engine's streams: transfers at
-// explicit offsets with buffered writes, positioning, reads at the end, the
-// copy between two files, and the allocator of the engine's tables.
+// explicit offsets with buffered writes, positioning, reads at the end, and
+// the copy between two files. (The tables' allocator is under every load and
+// save of the other tests.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -9,7 +10,6 @@
 
 #include "porting/gxdFileBuf.h"
 #include "porting/gxdPorting.h"
-#include "porting/gxdTable.h"
 
 namespace {
 
@@ -99,22 +99,6 @@ TEST(PortingFile, TransfersPositionsAndCopies) {
     }
   }  // both files closed
   fs::remove_all(dir);
-}
-
-TEST(PortingTable, ResizeLeavesOrFillsAsAsked) {
-  for (size_t entries : {size_t{100}, size_t{3} << 20}) {
-    SCOPED_TRACE(entries);
-    pdTable t(entries, 0xA5A5A5A5u);
-    EXPECT_EQ(t.front(), 0xA5A5A5A5u);
-    EXPECT_EQ(t.back(), 0xA5A5A5A5u);
-    for (size_t i = 0; i < t.size(); ++i) t[i] = static_cast<uint32_t>(i);
-    t.resize(entries + 300000);  // new entries unset, old ones kept
-    EXPECT_EQ(t[entries - 1], static_cast<uint32_t>(entries - 1));
-    t.resize(entries + 300001, 7u);
-    EXPECT_EQ(t.back(), 7u);
-    pdTable copy = t;
-    EXPECT_TRUE(copy == t);
-  }
 }
 
 }  // namespace
