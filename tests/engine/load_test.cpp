@@ -274,29 +274,8 @@ TEST(Corruption, ScatteredChainsReadAtRandomPositions) {
   gxTestFileBuilder b;
   b.addStream(0, u"big", pattern(300 * 512 - 17, 3));
   b.addStream(0, u"small", pattern(4000, 4));
-  std::string f = b.build();
-  // Entry n's units of `size` bytes at `units`, linked in the table at
-  // `links`, are moved and relinked in runs taken in random order.
-  for (auto [n, size, units, links] :
-       {std::tuple{1u, 512u, b.sectorOffset(0), b.fatEntryOffset(0)},
-        {2u, 64u, b.sectorOffset(b.miniStreamSectors[0]),
-         b.sectorOffset(b.miniFatSectors[0])}}) {
-    const std::string& data = b.entries[n].data;
-    std::vector<std::vector<uint32_t>> runs;
-    for (uint32_t u = 0; u * size < data.size(); runs.back().push_back(u++))
-      if (runs.empty() || rng() % 8 == 0) runs.emplace_back();
-    std::shuffle(runs.begin(), runs.end(), rng);
-    std::vector<uint32_t> order;
-    for (const auto& run : runs) order.insert(order.end(), run.begin(), run.end());
-    const uint32_t first = b.entries[n].startSector;
-    for (size_t i = 0; i < order.size(); ++i) {
-      const std::string unit = data.substr(i * size, size);
-      f.replace(units + uint64_t{first + order[i]} * size, unit.size(), unit);
-      gxPutU32(f, links + 4 * uint64_t{first + order[i]},
-               i + 1 < order.size() ? first + order[i + 1] : b.kEnd);
-    }
-    gxPutU32(f, b.entryOffset(n) + 116, first + order[0]);
-  }
+  b.scatter = 27;
+  const std::string f = b.build();
   std::ofstream("load_test_scattered.gxw", std::ios::binary) << f;
   gxdIStorage* root = nullptr;
   ASSERT_EQ(gxdStgOpenStorage(u"load_test_scattered.gxw", 0, &root), GX_S_OK);

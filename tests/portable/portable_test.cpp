@@ -20,15 +20,25 @@ std::string slurp(const std::filesystem::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// Bytes of stream "s": a write of more than one block, a flush, one byte
+// more. A write of whole blocks once bypassed the stream's block buffer, so
+// the flush of the partly refilled buffer wrote stale bytes past its fill
+// where block-by-block copying leaves the tail of the last block; those bytes
+// lie inside the stream once more data follows the flush.
+std::string first(516, '\0');
+
 // A created file holding storage "sub" (with stream "inner") and stream "s".
 void makeSmallFile(const char16_t* path) {
+  for (size_t i = 0; i < first.size(); ++i) first[i] = char(0x2F + i * 7);
   gxdIStorage *root = nullptr, *sub = nullptr;
   gxdIStream *s = nullptr, *inner = nullptr;
   ASSERT_EQ(gxdStgCreateStorage(path, 0x12, &root), GX_S_OK);
   ASSERT_EQ(root->createStorage(u"sub", &sub), GX_S_OK);
   ASSERT_EQ(sub->createStream(u"inner", &inner) | root->createStream(u"s", &s),
             GX_S_OK);
-  s->write("hello", 5, nullptr);
+  s->write(first.data(), first.size(), nullptr);
+  s->flush();  // block 1: 4 bytes, then bytes 4..511 of block 0
+  s->write("\xAA", 1, nullptr);
   root->commit();
   for (gxdIStream* x : {s, inner}) x->release();
   sub->release();
@@ -63,9 +73,13 @@ TEST(PortableStorage, ResultCodesOwnershipAndWriteLimits) {
   EXPECT_NE(s, t);
   EXPECT_EQ(static_cast<gxdStream*>(t)->refCount, 2u);
   EXPECT_EQ(static_cast<gxdStream*>(s)->clones.size(), 1u);
+  std::string got(1024, '\0');
+  uint64_t done = 0;
+  s->read(&got[0], got.size(), &done);
+  EXPECT_EQ(got.substr(0, done), first + first[4]);
   SCOPED_TRACE("read-only: creating a new name succeeds and records nothing");
   EXPECT_EQ(root->createStream(u"new", &n), GX_S_OK);
-  uint64_t done = 7;
+  done = 7;
   char c;
   EXPECT_EQ(n->read(&c, 1, &done), GX_S_FALSE);
   EXPECT_EQ(done, 0u);

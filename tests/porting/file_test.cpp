@@ -31,10 +31,7 @@ TEST(PortingFile, TransfersPositionsAndCopies) {
   const std::u16string b = (dir / "b.bin").u16string();
   std::string big(300000, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 7 + (i >> 11));
-  std::string expected(10, '\0');
-  expected.replace(0, 3, "abc");
-  expected.replace(5, 2, "XY");
-  expected += big;
+  std::string expected = std::string("abc\0\0XY\0\0\0", 10) + big;
   {
     SCOPED_TRACE("small writes buffered around a large one, read back");
     pdFileStream f;
@@ -79,24 +76,18 @@ TEST(PortingFile, TransfersPositionsAndCopies) {
       EXPECT_EQ(pdCopyBetweenFiles(in, 0, memory, 0, 1), -1);
       EXPECT_EQ(pdCopyBetweenFiles(memory, 0, out, 0, 1), -1);
     }
-    {
-      SCOPED_TRACE("writes to a file opened for reading fail");
-      in.clear();
-      in.seekp(0);
-      in.write("z", 1);
-      in.flush();
-      EXPECT_TRUE(in.bad());
-    }
-    {
-      SCOPED_TRACE("a missing file, a directory, an unusable mode");
-      pdFileStream missing, directory, odd;
-      pdOpenFile((dir / "none").u16string().c_str(), kPdOpenRead, missing);
-      EXPECT_TRUE(missing.fail());
-      pdOpenFile(dir.u16string().c_str(), kPdOpenCreate, directory);
-      EXPECT_TRUE(directory.fail());
-      pdOpenFile(a.c_str(), 7, odd);
-      EXPECT_TRUE(odd.fail());
-    }
+    SCOPED_TRACE("writes to a file opened for reading; a missing file, a "
+                 "directory, an unusable mode");
+    in.clear();
+    in.seekp(0);
+    in.write("z", 1);
+    in.flush();
+    EXPECT_TRUE(in.bad());
+    pdFileStream missing, directory, odd;
+    pdOpenFile((dir / "none").u16string().c_str(), kPdOpenRead, missing);
+    pdOpenFile(dir.u16string().c_str(), kPdOpenCreate, directory);
+    pdOpenFile(a.c_str(), 7, odd);
+    EXPECT_TRUE(missing.fail() && directory.fail() && odd.fail());
   }  // both files closed
   fs::remove_all(dir);
 }
