@@ -129,8 +129,6 @@ TEST(SaveTest, FilesAtEachLimitOfTheLayoutKeepTheirBytes) {
        0x59FF2D818C713274ull},
       {"100 bytes: MiniFAT sector 2, mini stream sector 3",
        [](Doc& d) { d.stream(u"A", 100); }, 2560, 0x7FF56399FCC9A2BBull},
-      {"5000 bytes: sectors 2 to 11", [](Doc& d) { d.stream(u"A", 5000); },
-       6656, 0x7A1A6DF7E284A454ull},
       {"children BB, A, D, a: linked by length, then case-insensitively",
        [](Doc& d) {
          d.storage(u"BB");
