@@ -4,8 +4,6 @@
 // arithmetic and the enumerator's short batch.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -80,10 +78,12 @@ const unsigned short* units(const char16_t* s) {
   return reinterpret_cast<const unsigned short*>(s);
 }
 
-// Counting fakes of the platform's interfaces. Names they hand out come from
-// CoTaskMemAlloc, so a name the adapters fail to free is a reported leak.
+// One counting fake for the platform's three interfaces: a storage that
+// finds storage "a" and stream "b", a stream, or an enumerator over storage
+// "a" and streams "b" and "c". Names it hands out come from CoTaskMemAlloc,
+// so a name the adapters fail to free is a reported leak.
 struct Log {
-  int live = 0;  // fake objects alive
+  int live = 0;  // fakes alive
   std::vector<std::string> calls;
 };
 
@@ -93,56 +93,75 @@ std::string narrow(const OLECHAR* s) {
   return out;
 }
 
-LPOLESTR taskName(const std::string& s) {
-  LPOLESTR out =
-      static_cast<LPOLESTR>(CoTaskMemAlloc((s.size() + 1) * sizeof(OLECHAR)));
-  for (size_t i = 0; i <= s.size(); ++i)
-    out[i] = static_cast<unsigned char>(s.c_str()[i]);
-  return out;
-}
+// A method the adapters never call.
+#define GX_UNUSED_METHOD(signature) \
+  HRESULT signature override { return E_NOTIMPL; }
 
-template <class I>
-struct Fake : I {
-  explicit Fake(Log* l) : log(l) { ++log->live; }
+struct Fake : IStorage, IStream, IEnumSTATSTG {
+  Fake(Log* l, DWORD k) : log(l), kind(k) { ++log->live; }
   virtual ~Fake() { --log->live; }
-  HRESULT QueryInterface(REFIID, void**) override { return E_NOTIMPL; }
+  GX_UNUSED_METHOD(QueryInterface(REFIID, void**))
   ULONG AddRef() override { return ++refs; }
   ULONG Release() override {
     if (--refs == 0) delete this;
     return 0;
   }
-  HRESULT stat(STATSTG* info, const char* name, DWORD type) {
-    *info = STATSTG();
-    info->pwcsName = taskName(name);
-    info->type = type;
-    info->cbSize.QuadPart = 0x500000008ull;
+  HRESULT record(STATSTG* r, char name, DWORD type) {
+    *r = STATSTG();
+    r->pwcsName = static_cast<LPOLESTR>(CoTaskMemAlloc(2 * sizeof(OLECHAR)));
+    r->pwcsName[0] = static_cast<OLECHAR>(name), r->pwcsName[1] = 0;
+    r->type = type;
+    r->cbSize.QuadPart = 0x500000008ull;
     return S_OK;
   }
-  Log* log;
-  ULONG refs = 1;
-};
-
-// Three elements: storage "a", streams "b" and "c".
-struct FakeEnum : Fake<IEnumSTATSTG> {
-  using Fake::Fake;
-  ULONG at = 0;
-  HRESULT Next(ULONG n, STATSTG* r, ULONG* fetched) override {
-    log->calls.push_back("Next");
-    ULONG k = 0;
-    for (; k < n && at < 3; ++k, ++at)
-      stat(&r[k], std::string(1, 'a' + at).c_str(), at ? 2 : 1);
-    *fetched = k;
-    return k == n ? S_OK : S_FALSE;
+  // Logs a request with its name and mode; only `known` is found (any name
+  // when null).
+  template <class Out>
+  HRESULT hand(const char* what, const OLECHAR* name, DWORD mode,
+               const char* known, DWORD k, Out** out) {
+    log->calls.push_back(std::string(what) + " " + narrow(name) + " " +
+                         std::to_string(mode));
+    const bool found = known == nullptr || narrow(name) == known;
+    *out = found ? new Fake(log, k) : nullptr;
+    return found ? S_OK : STG_E_FILENOTFOUND;
   }
-  HRESULT Skip(ULONG) override { return S_FALSE; }
-  HRESULT Reset() override { return at = 0, S_OK; }
-  HRESULT Clone(IEnumSTATSTG** out) override {
-    return *out = new FakeEnum(log), S_OK;
+  // IStorage
+  HRESULT CreateStream(const OLECHAR* n, DWORD m, DWORD, DWORD,
+                       IStream** s) override {
+    return hand("CreateStream", n, m, nullptr, STGTY_STREAM, s);
   }
-};
-
-struct FakeStream : Fake<IStream> {
-  using Fake::Fake;
+  HRESULT OpenStream(const OLECHAR* n, void*, DWORD m, DWORD,
+                     IStream** s) override {
+    return hand("OpenStream", n, m, "b", STGTY_STREAM, s);
+  }
+  HRESULT CreateStorage(const OLECHAR* n, DWORD m, DWORD, DWORD,
+                        IStorage** s) override {
+    return hand("CreateStorage", n, m, nullptr, STGTY_STORAGE, s);
+  }
+  HRESULT OpenStorage(const OLECHAR* n, IStorage*, DWORD m, SNB, DWORD,
+                      IStorage** s) override {
+    return hand("OpenStorage", n, m, "a", STGTY_STORAGE, s);
+  }
+  GX_UNUSED_METHOD(CopyTo(DWORD, const IID*, SNB, IStorage*))
+  GX_UNUSED_METHOD(MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*,
+                                 DWORD))
+  HRESULT Commit(DWORD) override {
+    return log->calls.push_back("Commit"), S_OK;
+  }
+  GX_UNUSED_METHOD(Revert())
+  HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** e) override {
+    return *e = new Fake(log, 0), S_OK;
+  }
+  GX_UNUSED_METHOD(DestroyElement(const OLECHAR*))
+  GX_UNUSED_METHOD(RenameElement(const OLECHAR*, const OLECHAR*))
+  GX_UNUSED_METHOD(SetElementTimes(const OLECHAR*, const FILETIME*,
+                                   const FILETIME*, const FILETIME*))
+  GX_UNUSED_METHOD(SetClass(REFCLSID))
+  GX_UNUSED_METHOD(SetStateBits(DWORD, DWORD))
+  HRESULT Stat(STATSTG* info, DWORD) override {
+    return record(info, kind == STGTY_STORAGE ? 'r' : 's', kind);
+  }
+  // IStream
   HRESULT Read(void*, ULONG, ULONG* done) override {
     return *done = 0, S_FALSE;
   }
@@ -153,89 +172,39 @@ struct FakeStream : Fake<IStream> {
   HRESULT Seek(LARGE_INTEGER, DWORD origin, ULARGE_INTEGER*) override {
     return log->calls.push_back("Seek " + std::to_string(origin)), S_OK;
   }
-  HRESULT SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-  HRESULT CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*,
-                 ULARGE_INTEGER*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT Commit(DWORD) override { return E_NOTIMPL; }
-  HRESULT Revert() override { return E_NOTIMPL; }
-  HRESULT LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return E_NOTIMPL;
-  }
-  HRESULT UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return E_NOTIMPL;
-  }
-  HRESULT Stat(STATSTG* info, DWORD) override {
-    return stat(info, "strm", STGTY_STREAM);
-  }
+  GX_UNUSED_METHOD(SetSize(ULARGE_INTEGER))
+  GX_UNUSED_METHOD(CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*,
+                          ULARGE_INTEGER*))
+  GX_UNUSED_METHOD(LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
+  GX_UNUSED_METHOD(UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
   HRESULT Clone(IStream** out) override {
-    return *out = new FakeStream(log), S_OK;
+    return *out = new Fake(log, STGTY_STREAM), S_OK;
   }
-};
+  // IEnumSTATSTG
+  HRESULT Next(ULONG n, STATSTG* r, ULONG* fetched) override {
+    log->calls.push_back("Next");
+    ULONG k = 0;
+    for (; k < n && at < 3; ++k, ++at)
+      record(&r[k], char('a' + at), at ? STGTY_STREAM : STGTY_STORAGE);
+    *fetched = k;
+    return k == n ? S_OK : S_FALSE;
+  }
+  HRESULT Skip(ULONG) override { return S_FALSE; }
+  HRESULT Reset() override { return at = 0, S_OK; }
+  HRESULT Clone(IEnumSTATSTG** out) override {
+    return *out = new Fake(log, 0), S_OK;
+  }
 
-// Finds the storage "a" and the stream "b"; logs each request with the name
-// and the mode asked for.
-struct FakeStorage : Fake<IStorage> {
-  using Fake::Fake;
-  template <class T, class Out>
-  HRESULT hand(const char* what, const OLECHAR* name, DWORD mode,
-               const char* known, Out** out) {
-    log->calls.push_back(std::string(what) + " " + narrow(name) + " " +
-                         std::to_string(mode));
-    const bool found = known == nullptr || narrow(name) == known;
-    *out = found ? new T(log) : nullptr;
-    return found ? S_OK : STG_E_FILENOTFOUND;
-  }
-  HRESULT CreateStream(const OLECHAR* n, DWORD m, DWORD, DWORD,
-                       IStream** s) override {
-    return hand<FakeStream>("CreateStream", n, m, nullptr, s);
-  }
-  HRESULT OpenStream(const OLECHAR* n, void*, DWORD m, DWORD,
-                     IStream** s) override {
-    return hand<FakeStream>("OpenStream", n, m, "b", s);
-  }
-  HRESULT CreateStorage(const OLECHAR* n, DWORD m, DWORD, DWORD,
-                        IStorage** s) override {
-    return hand<FakeStorage>("CreateStorage", n, m, nullptr, s);
-  }
-  HRESULT OpenStorage(const OLECHAR* n, IStorage*, DWORD m, SNB, DWORD,
-                      IStorage** s) override {
-    return hand<FakeStorage>("OpenStorage", n, m, "a", s);
-  }
-  HRESULT CopyTo(DWORD, const IID*, SNB, IStorage*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*,
-                        DWORD) override {
-    return E_NOTIMPL;
-  }
-  HRESULT Commit(DWORD) override {
-    return log->calls.push_back("Commit"), S_OK;
-  }
-  HRESULT Revert() override { return E_NOTIMPL; }
-  HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** e) override {
-    return *e = new FakeEnum(log), S_OK;
-  }
-  HRESULT DestroyElement(const OLECHAR*) override { return E_NOTIMPL; }
-  HRESULT RenameElement(const OLECHAR*, const OLECHAR*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*,
-                          const FILETIME*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT SetClass(REFCLSID) override { return E_NOTIMPL; }
-  HRESULT SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
-  HRESULT Stat(STATSTG* info, DWORD) override {
-    return stat(info, "root", STGTY_STORAGE);
-  }
+  Log* log;
+  DWORD kind;  // STGTY_STORAGE, STGTY_STREAM, or 0 for an enumerator
+  ULONG refs = 1, at = 0;
 };
 
 TEST(Adapters, PlatformBranchOverCountingFakes) {
   Log log;
-  FakeStorage* backend = new FakeStorage(&log);
-  CGxAbsStorage* root = new gxIStorage(backend, nullptr);
+  Fake* backend = new Fake(&log, STGTY_STORAGE);
+  CGxAbsStorage* root =
+      new gxIStorage(static_cast<IStorage*>(backend), nullptr);
   backend->Release();  // the adapter's reference is now the only one
   CGxAbsStorage *a = nullptr, *other = reinterpret_cast<CGxAbsStorage*>(1);
   CGxAbsStream *b = nullptr, *again = nullptr, *copy = nullptr;

@@ -23,8 +23,8 @@ std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
 gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize = nullptr);
 void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written);
 #ifndef _WIN32
-// Lists `file` with olefile and `tree` (whose storages' strings are ignored)
-// through a mirror directory written next to the file, and expects the two
+// Lists `file` with olefile and `tree` (whose storages' strings are ignored;
+// an element named "" stands for the root) the same way, and expects the two
 // listings equal and not empty.
 void gxExpectOlefileReads(const std::filesystem::path& file,
                           const gxRtTree& tree);

@@ -1,6 +1,7 @@
 #include "support/gxTestFileBuilder.h"
 
 #include <algorithm>
+#include <random>
 
 namespace {
 constexpr uint32_t kFatMark = 0xFFFFFFFDu;
@@ -136,19 +137,30 @@ std::string gxTestFileBuilder::build() {
     gxPutU32(f, at + 4 * (perSector - 1),
              d + 1 < nDifat ? difatSectors[d + 1] : kEnd);
   }
-  // Stream data and its chains: contiguous in the mini stream or in sectors.
+  // Stream data and its chains, each in its own range of the mini stream or
+  // of sectors: in order, or scattered in runs of random lengths.
   std::vector<uint32_t> miniFat(size_t(nMiniFat) * perSector, kNone);
-  const uint64_t miniAt = nMini ? sectorOffset(miniStreamSectors[0]) : 0;
-  for (const Entry& e : entries) {
+  std::mt19937 rng(scatter);
+  for (Entry& e : entries) {
     if (e.type != 2 || e.data.empty()) continue;
-    bool small = e.data.size() < kCutoff;
-    uint32_t count = ceilDiv(e.data.size(), small ? kMiniSize : sectorSize);
-    std::vector<uint32_t>& table = small ? miniFat : fat;
-    for (uint32_t i = 0; i < count; ++i)
-      table[e.startSector + i] = i + 1 < count ? e.startSector + i + 1 : kEnd;
-    f.replace(small ? miniAt + uint64_t(e.startSector) * kMiniSize
-                    : sectorOffset(e.startSector),
-              e.data.size(), e.data);
+    const bool small = e.data.size() < kCutoff;
+    const uint32_t unit = small ? kMiniSize : sectorSize;
+    const uint64_t at = small ? sectorOffset(miniStreamSectors[0]) : unit;
+    std::vector<std::vector<uint32_t>> runs;
+    for (uint32_t u = 0; u * unit < e.data.size(); ++u) {
+      if (runs.empty() || (scatter && rng() % 8 == 0)) runs.emplace_back();
+      runs.back().push_back(e.startSector + u);
+    }
+    if (scatter) std::shuffle(runs.begin(), runs.end(), rng);
+    std::vector<uint32_t> order;
+    for (const auto& run : runs) order.insert(order.end(), run.begin(), run.end());
+    for (size_t i = 0; i < order.size(); ++i) {
+      (small ? miniFat : fat)[order[i]] =
+          i + 1 < order.size() ? order[i + 1] : kEnd;
+      const std::string part = e.data.substr(i * unit, unit);
+      f.replace(at + uint64_t(order[i]) * unit, part.size(), part);
+    }
+    e.startSector = order[0];
   }
   for (uint32_t s = 0; s < fat.size(); ++s)
     gxPutU32(f, fatEntryOffset(s), fat[s]);

@@ -59,6 +59,7 @@ class gxTestFileBuilder {
   uint16_t majorVersion;
   uint16_t sectorShift;        // 9 for version 3, 12 for version 4
   uint32_t minFatSectors = 1;  // 110 puts the last FAT sector in the DIFAT
+  uint32_t scatter = 0;  // not 0: seeds chains scattered in runs, not in order
   std::vector<Entry> entries;  // entries[0] is the root
 
   // ---- Layout, set by build(): sector numbers in chain order -------------
