@@ -2,7 +2,8 @@
 // resize across the mini-stream cutoff, rename, remove, commit, revert) on
 // files held in memory, direct and transacted, checked after every commit,
 // after a reopen and by the portable loader; the red-black rules of every
-// sibling tree; and commits cut off at every write.
+// sibling tree; and freed space. Commits cut off at every write are the
+// failing-disk tests' (faults_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -190,60 +191,6 @@ TEST(ServiceDocFile, SeededEditsMatchTheModelDirectAndTransacted) {
       gxExpectSameTree(gxReadOurs(std::u16string(name.begin(), name.end())),
                        kept);
     }
-  }
-}
-
-// A transacted edit whose writes stop at the N-th (the rest never reach
-// the disk, the failing one may land its first 512 bytes), for every N:
-// the file then opens with exactly the old tree or exactly the new one.
-TEST(ServiceDocFile, CommitCutOffAtEveryWriteLeavesTheOldOrTheNewTree) {
-  for (uint32_t seed = 1; seed <= 2; ++seed) {
-    Doc base;
-    ASSERT_EQ(base.open(false, true), S_OK);
-    Model oldTree, newTree;
-    std::mt19937 rng(seed);
-    for (int i = 0; i < 60; ++i) ASSERT_TRUE(randomStep(base, oldTree, rng));
-    ASSERT_EQ(base.file->close(), S_OK);
-    // The edit on a fresh copy of the file; true when its commit succeeded.
-    auto edit = [&](Doc& doc, Model& tree, long changesLeft, size_t torn) {
-      doc.bytes->bytes = base.bytes->bytes;
-      if (doc.open(true) != S_OK) return false;
-      readTree(doc);
-      doc.bytes->changesLeft = changesLeft;
-      doc.bytes->tornBytes = torn;
-      doc.bytes->changes = 0;
-      std::mt19937 editRng(seed + 100);
-      tree = oldTree;
-      for (int i = 0; i < 15; ++i)
-        if (!randomStep(doc, tree, editRng)) return false;
-      return doc.file->commit() == S_OK;
-    };
-    Doc full;
-    ASSERT_TRUE(edit(full, newTree, -1, 0));
-    ASSERT_NE(newTree, oldTree);
-    int sawOld = 0, sawNew = 0;
-    for (long n = 0; n <= full.bytes->changes; ++n) {
-      for (size_t torn : {0, 512}) {
-        SCOPED_TRACE(testing::Message()
-                     << "seed " << seed << " cut at " << n << " torn " << torn);
-        Doc doc;
-        Model ignored;
-        const bool done = edit(doc, ignored, n, torn);
-        // Writes after the header's are cleanup that may fail unseen.
-        EXPECT_TRUE(done || n < full.bytes->changes);
-        doc.file.reset();
-        doc.bytes->changesLeft = -1;
-        ASSERT_EQ(doc.open(), S_OK);
-        const Model seen = readTree(doc);
-        EXPECT_TRUE(done ? seen == newTree
-                         : seen == oldTree || seen == newTree);
-        sawOld += seen == oldTree;
-        sawNew += seen == newTree;
-        if (HasFailure()) return;
-      }
-    }
-    EXPECT_GT(sawOld, 0);
-    EXPECT_GT(sawNew, 0);
   }
 }
 
