@@ -39,6 +39,9 @@ bool pdHostSize(pdHandle file, uint64_t* size);
 // transfer failed (what was copied before stays).
 bool pdHostCopy(pdHandle source, uint64_t from, pdHandle target, uint64_t to,
                 uint64_t size);
+// The same through a buffer of up to 1 MiB: what pdHostCopy falls back to.
+bool pdHostCopyThroughMemory(pdHandle source, uint64_t from, pdHandle target,
+                             uint64_t to, uint64_t size);
 
 // pdTableAllocate and pdTableFree (porting/gxdTable.h) are defined with
 // these calls, in the same files.

@@ -150,21 +150,7 @@ bool pdHostCopy(pdHandle source, uint64_t from, pdHandle target, uint64_t to,
     size -= static_cast<uint64_t>(n);
   }
 #endif
-  std::vector<uint8_t> buffer(
-      static_cast<size_t>(std::min<uint64_t>(size, 1 << 20)));
-  while (size > 0) {
-    const size_t piece =
-        static_cast<size_t>(std::min<uint64_t>(size, buffer.size()));
-    if (pdHostRead(source, from, buffer.data(), piece) !=
-            static_cast<int64_t>(piece) ||
-        pdHostWrite(target, to, buffer.data(), piece) !=
-            static_cast<int64_t>(piece))
-      return false;
-    from += piece;
-    to += piece;
-    size -= piece;
-  }
-  return true;
+  return pdHostCopyThroughMemory(source, from, target, to, size);
 }
 
 #if defined(__linux__) && defined(MADV_HUGEPAGE) && !defined(GXD_HOST_SANITIZED)
