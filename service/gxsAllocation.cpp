@@ -14,7 +14,7 @@ uint64_t gxsDocFile::maxSectors() const {
 }
 
 HRESULT gxsDocFile::chainOf(uint32_t start, uint64_t minLength,
-                            std::vector<uint32_t>& out) const {
+                            pdTable& out) const {
   out.clear();
   out.reserve(static_cast<size_t>(std::min<uint64_t>(minLength, fat_.size())));
   // Every sector lies in the file or was allocated by this session: a chain
@@ -33,7 +33,7 @@ HRESULT gxsDocFile::chainOf(uint32_t start, uint64_t minLength,
 }
 
 HRESULT gxsDocFile::miniChainOf(uint32_t start, uint64_t minLength,
-                                std::vector<uint32_t>& out) const {
+                                pdTable& out) const {
   out.clear();
   out.reserve(
       static_cast<size_t>(std::min<uint64_t>(minLength, miniFat_.size())));
@@ -59,9 +59,10 @@ void gxsDocFile::setMiniFat(uint32_t miniSector, uint32_t value) {
   changed_ = true;
 }
 
-// Appends one FAT sector, placed in the first free sector (the new sector's
-// own range when none is free), and records it in the header or the DIFAT,
-// adding a DIFAT sector when the last one is full.
+// Appends one FAT sector (and a DIFAT sector when the last one is full).
+// Where they go is chosen at the next switch (placeTables): the data written
+// meanwhile stays in one run instead of being cut by a table sector every
+// few dozen kilobytes, and the new table sectors are written side by side.
 HRESULT gxsDocFile::addFatSector() {
   const uint32_t eps = entriesPerSector();
   const size_t index = fatSectors_.size();
@@ -69,38 +70,45 @@ HRESULT gxsDocFile::addFatSector() {
     return STG_E_MEDIUMFULL;
   fat_.resize(fat_.size() + eps, kFreeSect);
   fatDirty_.push_back(true);
-  auto take = [&](uint32_t mark, uint32_t& where) {
-    for (uint32_t s = freeHint_; s < fat_.size(); ++s)
-      if (fat_[s] == kFreeSect && !isProtected(s)) {
-        if (s >= maxSectors()) break;
-        where = s;
-        setFat(s, mark);
-        taken_.push_back(s);
-        uint64_t end = offsetOf(s) + sectorSize();
-        if (end > allocatedEnd_) allocatedEnd_ = end;
-        return true;
-      }
-    return false;
-  };
-  uint32_t where = 0;
-  if (!take(kFatSect, where)) return STG_E_MEDIUMFULL;
-  fatSectors_.push_back(where);
-  if (index < kHeaderDifatSlots) {
-    header_.difat[index] = where;
-  } else {
-    size_t slot = index - kHeaderDifatSlots;
-    if (slot / (eps - 1) >= difatSectors_.size()) {
-      uint32_t difat = 0;
-      if (!take(kDifSect, difat)) return STG_E_MEDIUMFULL;
-      if (difatSectors_.empty()) header_.firstDifatSector = difat;
-      difatSectors_.push_back(difat);
-      header_.numDifatSectors = static_cast<uint32_t>(difatSectors_.size());
-    }
-    difatDirty_ = true;
+  fatSectors_.push_back(kUnplaced);
+  ++unplaced_;
+  if (index >= kHeaderDifatSlots &&
+      (index - kHeaderDifatSlots) / (eps - 1) >= difatSectors_.size()) {
+    difatSectors_.push_back(kUnplaced);
+    ++unplaced_;
+    header_.numDifatSectors = static_cast<uint32_t>(difatSectors_.size());
   }
+  difatDirty_ = difatDirty_ || index >= kHeaderDifatSlots;
   header_.numFatSectors = static_cast<uint32_t>(fatSectors_.size());
   headerDirty_ = true;
   changed_ = true;
+  return S_OK;
+}
+
+// Gives every FAT and DIFAT sector added since the last switch its place,
+// lowest free sectors first. Taking a sector may add a FAT sector, so the
+// walk repeats until every one has its place.
+HRESULT gxsDocFile::placeTables() {
+  while (unplaced_ > 0) {
+    for (size_t k = 0; k < fatSectors_.size(); ++k) {
+      if (fatSectors_[k] != kUnplaced) continue;
+      uint32_t where = 0;
+      HRESULT hr = allocateSector(where, kFatSect);
+      if (hr != S_OK) return hr;
+      fatSectors_[k] = where;
+      --unplaced_;
+      if (k < kHeaderDifatSlots) header_.difat[k] = where;
+    }
+    for (size_t d = 0; d < difatSectors_.size(); ++d) {
+      if (difatSectors_[d] != kUnplaced) continue;
+      uint32_t where = 0;
+      HRESULT hr = allocateSector(where, kDifSect);
+      if (hr != S_OK) return hr;
+      difatSectors_[d] = where;
+      --unplaced_;
+      if (d == 0) header_.firstDifatSector = where;
+    }
+  }
   return S_OK;
 }
 
@@ -110,7 +118,9 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
     while (s < fat_.size() && (fat_[s] != kFreeSect || isProtected(s))) ++s;
     freeHint_ = s;
     if (s < fat_.size()) {
-      if (s >= maxSectors()) return STG_E_MEDIUMFULL;
+      // Table sectors not yet placed will need room below the limit too.
+      const bool table = mark == kFatSect || mark == kDifSect;
+      if (s + (table ? 0 : unplaced_) >= maxSectors()) return STG_E_MEDIUMFULL;
       sector = s;
       setFat(s, mark);
       taken_.push_back(s);
@@ -127,7 +137,7 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
 // Frees chain[from..] and ends the chain at chain[from - 1]. Freed sectors
 // inside the file are zeroed, except those the committed state of a
 // transacted file still uses: they are zeroed once a commit lets them go.
-HRESULT gxsDocFile::freeSectors(const std::vector<uint32_t>& chain,
+HRESULT gxsDocFile::freeSectors(const pdTable& chain,
                                 size_t from) {
   if (from > 0 && from <= chain.size()) setFat(chain[from - 1], kEndOfChain);
   const uint32_t ss = sectorSize();
@@ -156,7 +166,7 @@ HRESULT gxsDocFile::freeSectors(const std::vector<uint32_t>& chain,
   return S_OK;
 }
 
-HRESULT gxsDocFile::extendChain(std::vector<uint32_t>& chain, size_t count,
+HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count,
                                 uint32_t& head) {
   for (size_t i = 0; i < count; ++i) {
     uint32_t s = 0;
@@ -220,12 +230,12 @@ HRESULT gxsDocFile::miniOffset(uint32_t miniSector, uint64_t& offset) {
   return S_OK;
 }
 
-HRESULT gxsDocFile::freeMiniSectors(const std::vector<uint32_t>& chain,
+HRESULT gxsDocFile::freeMiniSectors(const pdTable& chain,
                                     size_t from) {
   if (from > 0 && from <= chain.size())
     setMiniFat(chain[from - 1], kEndOfChain);
   static const uint8_t zeros[64] = {};
-  std::vector<uint32_t> freed(chain.begin() + static_cast<ptrdiff_t>(from),
+  pdTable freed(chain.begin() + static_cast<ptrdiff_t>(from),
                               chain.end());
   HRESULT shared = unshareMini(freed);
   if (shared != S_OK) return shared;
@@ -240,7 +250,7 @@ HRESULT gxsDocFile::freeMiniSectors(const std::vector<uint32_t>& chain,
   return S_OK;
 }
 
-HRESULT gxsDocFile::extendMiniChain(std::vector<uint32_t>& chain, size_t count,
+HRESULT gxsDocFile::extendMiniChain(pdTable& chain, size_t count,
                                     uint32_t& head) {
   for (size_t i = 0; i < count; ++i) {
     uint32_t m = 0;

@@ -124,6 +124,7 @@ void gxsDocFile::initEmpty() {
   fatSectors_ = {0};
   fatDirty_ = {true};
   difatSectors_.clear();
+  unplaced_ = 0;
   miniFat_.clear(), miniFatChain_.clear(), miniFatDirty_.clear();
   dirChain_ = {1};
   dirDirty_ = {true};
@@ -152,6 +153,7 @@ uint64_t gxsDocFile::maxStreamSize() const {
 HRESULT gxsDocFile::load() {
   // Everything is read afresh (a revert loads again over an old state).
   fat_.clear(), fatSectors_.clear(), fatDirty_.clear(), difatSectors_.clear();
+  unplaced_ = 0;
   miniFat_.clear(), miniFatChain_.clear(), miniFatDirty_.clear();
   entries_.clear(), dirChain_.clear(), dirDirty_.clear();
   parentOf_.clear(), treeState_.clear(), chains_.clear();
@@ -183,7 +185,7 @@ HRESULT gxsDocFile::load() {
 // Each FAT or DIFAT sector must lie inside the file and appear once, so the
 // FAT held in memory is never larger than the file.
 template <typename Use>
-HRESULT gxsDocFile::readSectors(const std::vector<uint32_t>& sectors, Use use) {
+HRESULT gxsDocFile::readSectors(const pdTable& sectors, Use use) {
   const size_t ss = sectorSize();
   const size_t maxRun = std::min<size_t>(sectors.size(), (1u << 20) / ss);
   std::unique_ptr<uint8_t[]> run(new uint8_t[maxRun * ss]);  // never zeroed
@@ -309,7 +311,7 @@ HRESULT gxsDocFile::checkTree() {
   for (size_t s = 0; s < fat_.size(); ++s)
     if (fat_[s] == kFatSect || fat_[s] == kDifSect) owned[s] = 1;
   std::vector<uint8_t> miniOwned(miniFat_.size(), 0);
-  auto own = [&](const std::vector<uint32_t>& chain,
+  auto own = [&](const pdTable& chain,
                  std::vector<uint8_t>& map) {
     for (uint32_t s : chain) {
       if (s >= map.size() || map[s]) return false;
@@ -326,7 +328,7 @@ HRESULT gxsDocFile::checkTree() {
   reached[kRootId] = 1;
   std::vector<uint32_t> storages = {kRootId};
   std::vector<uint32_t> stack;
-  std::vector<uint32_t> chain;
+  pdTable chain;
   while (!storages.empty()) {
     uint32_t parent = storages.back();
     storages.pop_back();
@@ -430,7 +432,7 @@ HRESULT gxsDocFile::relocateTables(bool& moved) {
     moved = true;
     return true;
   };
-  auto moveChain = [&](std::vector<uint32_t>& chain, std::vector<bool>& dirty,
+  auto moveChain = [&](pdTable& chain, std::vector<bool>& dirty,
                        uint32_t& head) {
     for (size_t i = 0; i < chain.size(); ++i) {
       if (!dirty[i] || !isProtected(chain[i])) continue;
@@ -483,7 +485,10 @@ HRESULT gxsDocFile::relocateTables(bool& moved) {
 // switch can be retried.
 HRESULT gxsDocFile::switchState(bool sync) {
   HRESULT hr = S_OK;
-  for (bool moved = true; moved && hr == S_OK;) hr = relocateTables(moved);
+  for (bool moved = true; moved && hr == S_OK;) {
+    hr = placeTables();
+    if (hr == S_OK) hr = relocateTables(moved);
+  }
   if (hr == S_OK) hr = writeTables();
   if (hr == S_OK && sync && !file_->sync(true)) hr = ioFailure(true);
   if (hr != S_OK) return hr;
@@ -613,13 +618,25 @@ HRESULT gxsDocFile::writeTables() {
       return hr;
     miniFatDirty_[i] = false;
   }
-  for (size_t i = 0; i < fatSectors_.size(); ++i) {
-    if (!fatDirty_[i]) continue;
-    for (uint32_t j = 0; j < eps; ++j)
-      storeU32(&sector[4 * j], fat_[i * eps + j]);
-    if ((hr = writeBytes(offsetOf(fatSectors_[i]), sector.data(), ss)) != S_OK)
+  // Changed FAT sectors that lie back to back go out in one write.
+  std::vector<uint8_t> run;
+  for (size_t i = 0; i < fatSectors_.size();) {
+    if (!fatDirty_[i]) {
+      ++i;
+      continue;
+    }
+    size_t n = 1;
+    while (i + n < fatSectors_.size() && n < kTableRunSectors &&
+           fatDirty_[i + n] && fatSectors_[i + n] == fatSectors_[i] + n)
+      ++n;
+    run.resize(n * ss);
+    for (size_t j = 0; j < n * eps; ++j)
+      storeU32(&run[4 * j], fat_[i * eps + j]);
+    if ((hr = writeBytes(offsetOf(fatSectors_[i]), run.data(), run.size())) !=
+        S_OK)
       return hr;
-    fatDirty_[i] = false;
+    for (size_t j = i; j < i + n; ++j) fatDirty_[j] = false;
+    i += n;
   }
   if (difatDirty_) {
     size_t next = kHeaderDifatSlots;

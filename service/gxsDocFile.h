@@ -147,7 +147,7 @@ class gxsDocFile {
 
  private:
   struct Chain {
-    std::vector<uint32_t> sectors;  // regular or mini sectors, in order
+    pdTable sectors;  // regular or mini sectors, in order
     bool mini = false;
   };
 
@@ -166,7 +166,7 @@ class gxsDocFile {
   // Reads sectors[0..] in order, those that lie back to back in one call
   // (up to 1 MiB), and hands each to `use(index, bytes)`.
   template <typename Use>
-  HRESULT readSectors(const std::vector<uint32_t>& sectors, Use use);
+  HRESULT readSectors(const pdTable& sectors, Use use);
   HRESULT writeBytes(uint64_t offset, const void* data, size_t size);
   HRESULT fail(HRESULT code);  // records damage and returns `code`
   HRESULT checkWritable() const;
@@ -179,15 +179,15 @@ class gxsDocFile {
     return sectorOffset(sector, header_.sectorShift);
   }
   HRESULT chainOf(uint32_t start, uint64_t minLength,
-                  std::vector<uint32_t>& out) const;
+                  pdTable& out) const;
   HRESULT miniChainOf(uint32_t start, uint64_t minLength,
-                      std::vector<uint32_t>& out) const;
+                      pdTable& out) const;
   bool isProtected(uint32_t sector) const {
     return sector < protected_.size() && protected_[sector];
   }
-  HRESULT unshare(uint32_t owner, std::vector<uint32_t>& chain, uint64_t first,
+  HRESULT unshare(uint32_t owner, pdTable& chain, uint64_t first,
                   uint64_t last, uint64_t keepFrom, uint64_t keepTo);
-  HRESULT unshareMini(const std::vector<uint32_t>& miniSectors);
+  HRESULT unshareMini(const pdTable& miniSectors);
   HRESULT prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
                        uint64_t size);
   HRESULT relocateTables(bool& moved);
@@ -198,14 +198,15 @@ class gxsDocFile {
   void trimEnd();
   HRESULT allocateSector(uint32_t& sector, uint32_t mark);
   HRESULT addFatSector();
+  HRESULT placeTables();
   void setFat(uint32_t sector, uint32_t value);
   void setMiniFat(uint32_t miniSector, uint32_t value);
-  HRESULT freeSectors(const std::vector<uint32_t>& sectors, size_t from);
-  HRESULT extendChain(std::vector<uint32_t>& chain, size_t count,
+  HRESULT freeSectors(const pdTable& sectors, size_t from);
+  HRESULT extendChain(pdTable& chain, size_t count,
                       uint32_t& head);
   HRESULT allocateMiniSector(uint32_t& miniSector);
-  HRESULT freeMiniSectors(const std::vector<uint32_t>& sectors, size_t from);
-  HRESULT extendMiniChain(std::vector<uint32_t>& chain, size_t count,
+  HRESULT freeMiniSectors(const pdTable& sectors, size_t from);
+  HRESULT extendMiniChain(pdTable& chain, size_t count,
                           uint32_t& head);
   HRESULT miniOffset(uint32_t miniSector, uint64_t& offset);
   HRESULT ensureMiniStream(uint64_t bytes);
@@ -259,20 +260,24 @@ class gxsDocFile {
   bool headerDirty_ = false;
 
   pdTable fat_;                         // whole FAT, entries of all FAT sectors
-  std::vector<uint32_t> fatSectors_;    // where each FAT sector lives
+  pdTable fatSectors_;    // where each FAT sector lives
   std::vector<bool> fatDirty_;          // per FAT sector
-  std::vector<uint32_t> difatSectors_;  // the DIFAT chain
+  pdTable difatSectors_;  // the DIFAT chain
+  // A FAT or DIFAT sector added since the last switch has no place yet.
+  static constexpr uint32_t kUnplaced = kFreeSect;
+  static constexpr size_t kTableRunSectors = 256;  // per write of the FAT
+  size_t unplaced_ = 0;
   bool difatDirty_ = false;
   uint32_t freeHint_ = 0;  // no free sector below this
 
   pdTable miniFat_;
-  std::vector<uint32_t> miniFatChain_;  // sectors of the MiniFAT
+  pdTable miniFatChain_;  // sectors of the MiniFAT
   std::vector<bool> miniFatDirty_;      // per MiniFAT sector
   uint32_t miniFreeHint_ = 0;
   Chain miniStream_;  // the root entry's chain
 
   std::vector<gxdDirRecord> entries_;
-  std::vector<uint32_t> dirChain_;  // sectors of the directory
+  pdTable dirChain_;  // sectors of the directory
   std::vector<bool> dirDirty_;      // per directory sector
   uint32_t entryFreeHint_ = 1;
   std::vector<uint32_t> parentOf_;  // storage holding each entry

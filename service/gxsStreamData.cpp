@@ -86,7 +86,7 @@ HRESULT gxsDocFile::readChain(const Chain& chain, uint64_t offset,
 // only): the unit's bytes are copied unless [keepFrom, keepTo) (bytes of the
 // stream) covers it whole, and `owner`'s start or the previous link is
 // pointed at the copy.
-HRESULT gxsDocFile::unshare(uint32_t owner, std::vector<uint32_t>& chain,
+HRESULT gxsDocFile::unshare(uint32_t owner, pdTable& chain,
                             uint64_t first, uint64_t last, uint64_t keepFrom,
                             uint64_t keepTo) {
   if (!transacted_) return S_OK;
@@ -119,7 +119,7 @@ HRESULT gxsDocFile::unshare(uint32_t owner, std::vector<uint32_t>& chain,
 }
 
 // The same for the sectors of the mini stream that hold `miniSectors`.
-HRESULT gxsDocFile::unshareMini(const std::vector<uint32_t>& miniSectors) {
+HRESULT gxsDocFile::unshareMini(const pdTable& miniSectors) {
   if (!transacted_) return S_OK;
   const uint32_t perSector = sectorSize() / 64;
   for (uint32_t m : miniSectors) {
@@ -141,7 +141,7 @@ HRESULT gxsDocFile::prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
   const uint64_t first = offset / unit, last = (offset + size - 1) / unit;
   if (!chain.mini)
     return unshare(owner, chain.sectors, first, last, offset, offset + size);
-  std::vector<uint32_t> units;
+  pdTable units;
   for (uint64_t i = first; i <= last && i < chain.sectors.size(); ++i)
     units.push_back(chain.sectors[i]);
   return unshareMini(units);
