@@ -137,8 +137,7 @@ HRESULT gxsDocFile::allocateSector(uint32_t& sector, uint32_t mark) {
 // Frees chain[from..] and ends the chain at chain[from - 1]. Freed sectors
 // inside the file are zeroed, except those the committed state of a
 // transacted file still uses: they are zeroed once a commit lets them go.
-HRESULT gxsDocFile::freeSectors(const pdTable& chain,
-                                size_t from) {
+HRESULT gxsDocFile::freeSectors(const pdTable& chain, size_t from) {
   if (from > 0 && from <= chain.size()) setFat(chain[from - 1], kEndOfChain);
   const uint32_t ss = sectorSize();
   size_t i = from;
@@ -166,8 +165,7 @@ HRESULT gxsDocFile::freeSectors(const pdTable& chain,
   return S_OK;
 }
 
-HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count,
-                                uint32_t& head) {
+HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count, uint32_t& head) {
   for (size_t i = 0; i < count; ++i) {
     uint32_t s = 0;
     HRESULT hr = allocateSector(s, kEndOfChain);
@@ -230,13 +228,11 @@ HRESULT gxsDocFile::miniOffset(uint32_t miniSector, uint64_t& offset) {
   return S_OK;
 }
 
-HRESULT gxsDocFile::freeMiniSectors(const pdTable& chain,
-                                    size_t from) {
+HRESULT gxsDocFile::freeMiniSectors(const pdTable& chain, size_t from) {
   if (from > 0 && from <= chain.size())
     setMiniFat(chain[from - 1], kEndOfChain);
   static const uint8_t zeros[64] = {};
-  pdTable freed(chain.begin() + static_cast<ptrdiff_t>(from),
-                              chain.end());
+  pdTable freed(chain.begin() + static_cast<ptrdiff_t>(from), chain.end());
   HRESULT shared = unshareMini(freed);
   if (shared != S_OK) return shared;
   for (size_t i = from; i < chain.size(); ++i) {

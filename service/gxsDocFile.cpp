@@ -311,8 +311,7 @@ HRESULT gxsDocFile::checkTree() {
   for (size_t s = 0; s < fat_.size(); ++s)
     if (fat_[s] == kFatSect || fat_[s] == kDifSect) owned[s] = 1;
   std::vector<uint8_t> miniOwned(miniFat_.size(), 0);
-  auto own = [&](const pdTable& chain,
-                 std::vector<uint8_t>& map) {
+  auto own = [&](const pdTable& chain, std::vector<uint8_t>& map) {
     for (uint32_t s : chain) {
       if (s >= map.size() || map[s]) return false;
       map[s] = 1;
@@ -381,11 +380,9 @@ HRESULT gxsDocFile::flush() {
   if (!zeroReleased()) hr = ioFailure(true);
   // The sectors taken since the last switch are now the file's; those
   // only the old state used are free to be taken again.
+  if (protected_.size() < fat_.size()) protected_.resize(fat_.size(), 0);
   for (uint32_t s : taken_)
-    if (fat_[s] != kFreeSect) {
-      if (s >= protected_.size()) protected_.resize(s + 1, 0);
-      protected_[s] = 1;
-    }
+    if (fat_[s] != kFreeSect) protected_[s] = 1;
   for (uint32_t s : pendingZero_)
     if (fat_[s] == kFreeSect && isProtected(s)) {
       protected_[s] = 0;

@@ -178,15 +178,13 @@ class gxsDocFile {
   uint64_t offsetOf(uint32_t sector) const {
     return sectorOffset(sector, header_.sectorShift);
   }
-  HRESULT chainOf(uint32_t start, uint64_t minLength,
-                  pdTable& out) const;
-  HRESULT miniChainOf(uint32_t start, uint64_t minLength,
-                      pdTable& out) const;
+  HRESULT chainOf(uint32_t start, uint64_t minLength, pdTable& out) const;
+  HRESULT miniChainOf(uint32_t start, uint64_t minLength, pdTable& out) const;
   bool isProtected(uint32_t sector) const {
     return sector < protected_.size() && protected_[sector];
   }
-  HRESULT unshare(uint32_t owner, pdTable& chain, uint64_t first,
-                  uint64_t last, uint64_t keepFrom, uint64_t keepTo);
+  HRESULT unshare(uint32_t owner, pdTable& chain, uint64_t first, uint64_t last,
+                  uint64_t keepFrom, uint64_t keepTo);
   HRESULT unshareMini(const pdTable& miniSectors);
   HRESULT prepareWrite(uint32_t owner, Chain& chain, uint64_t offset,
                        uint64_t size);
@@ -202,12 +200,10 @@ class gxsDocFile {
   void setFat(uint32_t sector, uint32_t value);
   void setMiniFat(uint32_t miniSector, uint32_t value);
   HRESULT freeSectors(const pdTable& sectors, size_t from);
-  HRESULT extendChain(pdTable& chain, size_t count,
-                      uint32_t& head);
+  HRESULT extendChain(pdTable& chain, size_t count, uint32_t& head);
   HRESULT allocateMiniSector(uint32_t& miniSector);
   HRESULT freeMiniSectors(const pdTable& sectors, size_t from);
-  HRESULT extendMiniChain(pdTable& chain, size_t count,
-                          uint32_t& head);
+  HRESULT extendMiniChain(pdTable& chain, size_t count, uint32_t& head);
   HRESULT miniOffset(uint32_t miniSector, uint64_t& offset);
   HRESULT ensureMiniStream(uint64_t bytes);
   uint64_t maxSectors() const;
@@ -259,10 +255,10 @@ class gxsDocFile {
   gxdFileHeader header_;
   bool headerDirty_ = false;
 
-  pdTable fat_;                         // whole FAT, entries of all FAT sectors
-  pdTable fatSectors_;    // where each FAT sector lives
-  std::vector<bool> fatDirty_;          // per FAT sector
-  pdTable difatSectors_;  // the DIFAT chain
+  pdTable fat_;                 // whole FAT, entries of all FAT sectors
+  pdTable fatSectors_;          // where each FAT sector lives
+  std::vector<bool> fatDirty_;  // per FAT sector
+  pdTable difatSectors_;        // the DIFAT chain
   // A FAT or DIFAT sector added since the last switch has no place yet.
   static constexpr uint32_t kUnplaced = kFreeSect;
   static constexpr size_t kTableRunSectors = 256;  // per write of the FAT
@@ -271,14 +267,14 @@ class gxsDocFile {
   uint32_t freeHint_ = 0;  // no free sector below this
 
   pdTable miniFat_;
-  pdTable miniFatChain_;  // sectors of the MiniFAT
-  std::vector<bool> miniFatDirty_;      // per MiniFAT sector
+  pdTable miniFatChain_;            // sectors of the MiniFAT
+  std::vector<bool> miniFatDirty_;  // per MiniFAT sector
   uint32_t miniFreeHint_ = 0;
   Chain miniStream_;  // the root entry's chain
 
   std::vector<gxdDirRecord> entries_;
-  pdTable dirChain_;  // sectors of the directory
-  std::vector<bool> dirDirty_;      // per directory sector
+  pdTable dirChain_;            // sectors of the directory
+  std::vector<bool> dirDirty_;  // per directory sector
   uint32_t entryFreeHint_ = 1;
   std::vector<uint32_t> parentOf_;  // storage holding each entry
   std::vector<uint8_t> treeState_;  // per storage: sibling tree checked?

@@ -86,9 +86,8 @@ HRESULT gxsDocFile::readChain(const Chain& chain, uint64_t offset,
 // only): the unit's bytes are copied unless [keepFrom, keepTo) (bytes of the
 // stream) covers it whole, and `owner`'s start or the previous link is
 // pointed at the copy.
-HRESULT gxsDocFile::unshare(uint32_t owner, pdTable& chain,
-                            uint64_t first, uint64_t last, uint64_t keepFrom,
-                            uint64_t keepTo) {
+HRESULT gxsDocFile::unshare(uint32_t owner, pdTable& chain, uint64_t first,
+                            uint64_t last, uint64_t keepFrom, uint64_t keepTo) {
   if (!transacted_) return S_OK;
   const uint32_t ss = sectorSize();
   std::vector<uint8_t> copy;
