@@ -202,9 +202,13 @@ int runMakeDir(const Args& args) {
   std::vector<OLECHAR> name = edit.last();
   HRESULT hr = edit.holder()->CreateStorage(name.data(), kChildMode, 0, 0,
                                             &made.p);
-  if (hr == STG_E_FILEALREADYEXISTS)
+  if (hr == STG_E_FILEALREADYEXISTS) {
     hr = edit.holder()->OpenStorage(name.data(), nullptr, kChildMode, nullptr,
                                     0, &made.p);
+    // The name is taken by a stream.
+    if (hr == STG_E_FILENOTFOUND)
+      return fail(kExitUsage, args[0] + ": " + args[1] + ": is a stream");
+  }
   if (hr != S_OK) return failed(args[0] + ": " + args[1], hr);
   made.reset();
   return edit.commit();
