@@ -659,9 +659,13 @@ HRESULT gxsDocFile::close() {
     // A file created transacted and never committed still ends up a valid,
     // empty compound file.
     if (writable_ && committedBytes_ == 0 && !corrupt_) {
+      // Nothing of the dropped state is kept: no sector of it is protected,
+      // taken or waiting to be zeroed.
       initEmpty();
       transacted_ = false;
       protected_.clear();
+      taken_.clear();
+      pendingZero_.clear();
       return flush();
     }
     return S_OK;
