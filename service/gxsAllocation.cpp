@@ -89,25 +89,28 @@ HRESULT gxsDocFile::addFatSector() {
 // lowest free sectors first. Taking a sector may add a FAT sector, so the
 // walk repeats until every one has its place.
 HRESULT gxsDocFile::placeTables() {
+  // Places each sector of `list` that has no place, then tells `record`.
+  auto place = [&](auto& list, uint32_t mark, auto record) {
+    for (size_t k = 0; k < list.size(); ++k) {
+      if (list[k] != kUnplaced) continue;
+      uint32_t where = 0;
+      HRESULT hr = allocateSector(where, mark);
+      if (hr != S_OK) return hr;
+      list[k] = where;
+      --unplaced_;
+      record(k, where);
+    }
+    return S_OK;
+  };
   while (unplaced_ > 0) {
-    for (size_t k = 0; k < fatSectors_.size(); ++k) {
-      if (fatSectors_[k] != kUnplaced) continue;
-      uint32_t where = 0;
-      HRESULT hr = allocateSector(where, kFatSect);
-      if (hr != S_OK) return hr;
-      fatSectors_[k] = where;
-      --unplaced_;
+    HRESULT hr = place(fatSectors_, kFatSect, [&](size_t k, uint32_t where) {
       if (k < kHeaderDifatSlots) header_.difat[k] = where;
-    }
-    for (size_t d = 0; d < difatSectors_.size(); ++d) {
-      if (difatSectors_[d] != kUnplaced) continue;
-      uint32_t where = 0;
-      HRESULT hr = allocateSector(where, kDifSect);
-      if (hr != S_OK) return hr;
-      difatSectors_[d] = where;
-      --unplaced_;
-      if (d == 0) header_.firstDifatSector = where;
-    }
+    });
+    if (hr == S_OK)
+      hr = place(difatSectors_, kDifSect, [&](size_t d, uint32_t where) {
+        if (d == 0) header_.firstDifatSector = where;
+      });
+    if (hr != S_OK) return hr;
   }
   return S_OK;
 }
