@@ -8,36 +8,31 @@
 #include <cstring>
 #include <string>
 
-#include "service/gxsContext.h"
-#include "service/gxsService.h"
+#include "gxsTreeWalk.h"
 
 namespace {
 
 const DWORD kRW = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 const DWORD kRead = STGM_READ | STGM_SHARE_EXCLUSIVE;
 
-struct U {  // a name in the platform's units
-  explicit U(const std::u16string& s) : v(gxsUnits(s)) {}
-  operator const OLECHAR*() const { return v.data(); }
-  std::vector<OLECHAR> v;
-};
+const auto U = gxsOle;  // a name in the platform's units
 
 TEST(ServiceObjects, EntryPointsAndSharingRefuseAsThePlatform) {
   IStorage *root = nullptr, *other = nullptr;
   IStream *st = nullptr, *st2 = nullptr;
-  const U file(u"objects_modes.cfb");
-  ASSERT_EQ(gxsStgCreateDocfile(file, kRW | STGM_CREATE, 0, &root), S_OK);
+  const std::u16string file = u"objects_modes.cfb";
+  ASSERT_EQ(gxsStgCreateDocfile(U(file), kRW | STGM_CREATE, 0, &root), S_OK);
   ASSERT_EQ(root->CreateStream(U(u"s"), kRW, 0, 0, &st), S_OK);
   const struct {
     const char* label;
     HRESULT expected, got;
   } cases[] = {
       {"root open while open", STG_E_SHAREVIOLATION,
-       gxsStgOpenStorage(file, nullptr, kRead, nullptr, 0, &other)},
+       gxsStgOpenStorage(U(file), nullptr, kRead, nullptr, 0, &other)},
       {"create without STGM_CREATE", STG_E_FILEALREADYEXISTS,
-       gxsStgCreateDocfile(file, kRW, 0, &other)},
+       gxsStgCreateDocfile(U(file), kRW, 0, &other)},
       {"root read, deny none", STG_E_INVALIDFLAG,
-       gxsStgOpenStorage(file, nullptr, STGM_READ | STGM_SHARE_DENY_NONE,
+       gxsStgOpenStorage(U(file), nullptr, STGM_READ | STGM_SHARE_DENY_NONE,
                          nullptr, 0, &other)},
       {"root open missing", STG_E_FILENOTFOUND,
        gxsStgOpenStorage(U(u"objects_none.cfb"), nullptr, kRW, nullptr, 0,
