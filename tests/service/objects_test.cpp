@@ -1,6 +1,5 @@
-// What the seeded differential sequences never call or cannot tell: the
-// entry points on a file that is open, missing or already there, objects
-// opened through a storage that goes away, MoveElementTo and
+// What the seeded differential sequences never call or cannot tell:
+// objects opened through a storage that goes away, MoveElementTo and
 // SetElementTimes (which ole32 under Wine does not implement as
 // documented).
 #include <gtest/gtest.h>
@@ -16,38 +15,6 @@ const DWORD kRW = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 const DWORD kRead = STGM_READ | STGM_SHARE_EXCLUSIVE;
 
 const auto U = gxsOle;  // a name in the platform's units
-
-TEST(ServiceObjects, EntryPointsAndSharingRefuseAsThePlatform) {
-  IStorage *root = nullptr, *other = nullptr;
-  IStream *st = nullptr, *st2 = nullptr;
-  const std::u16string file = u"objects_modes.cfb";
-  ASSERT_EQ(gxsStgCreateDocfile(U(file), kRW | STGM_CREATE, 0, &root), S_OK);
-  ASSERT_EQ(root->CreateStream(U(u"s"), kRW, 0, 0, &st), S_OK);
-  const struct {
-    const char* label;
-    HRESULT expected, got;
-  } cases[] = {
-      {"root open while open", STG_E_SHAREVIOLATION,
-       gxsStgOpenStorage(U(file), nullptr, kRead, nullptr, 0, &other)},
-      {"create without STGM_CREATE", STG_E_FILEALREADYEXISTS,
-       gxsStgCreateDocfile(U(file), kRW, 0, &other)},
-      {"root read, deny none", STG_E_INVALIDFLAG,
-       gxsStgOpenStorage(U(file), nullptr, STGM_READ | STGM_SHARE_DENY_NONE,
-                         nullptr, 0, &other)},
-      {"root open missing", STG_E_FILENOTFOUND,
-       gxsStgOpenStorage(U(u"objects_none.cfb"), nullptr, kRW, nullptr, 0,
-                         &other)},
-      {"stream open twice", STG_E_ACCESSDENIED,
-       root->OpenStream(U(u"S"), nullptr, kRead, 0, &st2)},
-      {"rename an open element", STG_E_ACCESSDENIED,
-       root->RenameElement(U(u"s"), U(u"t"))},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.got, c.expected) << c.label;
-  EXPECT_EQ(other, nullptr);
-  EXPECT_EQ(st2, nullptr);
-  st->Release();
-  EXPECT_EQ(root->Release(), 0u);
-}
 
 // MoveElementTo copies and moves a storage with its class and streams;
 // SetElementTimes keeps a storage's creation and modification times; and
