@@ -686,7 +686,8 @@ class Harness {
     }
     ++failures_;
     ADD_FAILURE() << desc << "\n  platform: " << platform
-                  << "\n  ours:     " << ours;
+                  << "\n  ours:     " << ours
+                  << "\n  ours on purpose: " << ourCodes(c, platform);
     return hrOf(platform);
   }
 
