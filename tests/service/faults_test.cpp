@@ -9,58 +9,15 @@
 // (direct).
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
 #include <string>
 
-#include "service/gxsService.h"
+#include "gxsTreeWalk.h"
 #include "support/gxMemoryFile.h"
-#include "support/gxRoundTrip.h"
 
 namespace {
 
 using Tree = gxRtTree;  // path (names joined by '/') -> (storage, bytes)
 constexpr DWORD kRW = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-
-std::vector<OLECHAR> ole(const std::u16string& s) {
-  std::vector<OLECHAR> units(s.begin(), s.end());
-  units.push_back(0);
-  return units;
-}
-
-// Every element below `storage` into `tree`: the first failure, or S_OK.
-HRESULT walk(IStorage* storage, const std::u16string& prefix, Tree& tree) {
-  IEnumSTATSTG* e = nullptr;
-  HRESULT hr = storage->EnumElements(0, nullptr, 0, &e);
-  std::vector<STATSTG> kids(1);
-  while (hr == S_OK && (hr = e->Next(1, &kids.back(), nullptr)) == S_OK)
-    kids.emplace_back();
-  if (e != nullptr) e->Release();
-  kids.pop_back();
-  for (const STATSTG& k : kids) {
-    const std::u16string name(
-        k.pwcsName, k.pwcsName + std::char_traits<OLECHAR>::length(k.pwcsName));
-    CoTaskMemFree(k.pwcsName);
-    IStorage* sub = nullptr;
-    IStream* stream = nullptr;
-    Tree::mapped_type& element = tree[prefix + name];
-    element.first = k.type == STGTY_STORAGE;
-    if (hr < 0) continue;
-    if (element.first &&
-        (hr = storage->OpenStorage(ole(name).data(), nullptr, kRW, nullptr, 0,
-                                   &sub)) == S_OK)
-      hr = walk(sub, prefix + name + u"/", tree), sub->Release();
-    if (!element.first && (hr = storage->OpenStream(ole(name).data(), nullptr,
-                                                    kRW, 0, &stream)) == S_OK) {
-      char chunk[4096];
-      for (ULONG done = 1; hr == S_OK && done > 0;
-           element.second.append(chunk, done))
-        hr = stream->Read(chunk, sizeof chunk, &done);
-      stream->Release();
-    }
-  }
-  return hr >= 0 ? S_OK : hr;
-}
 
 // One call of a script on element `name` of storage `dir` ("" is the
 // root). A write opens the stream, or creates it when there is none.
@@ -74,31 +31,28 @@ struct Op {
 
 HRESULT run(IStorage* root, const Op& op) {
   if (op.kind == kCommit) return root->Commit(STGC_DEFAULT);
-  const auto name = ole(op.name);
+  const OLECHAR* name = gxsOle(op.name);
   IStorage *dir = root, *sub = nullptr;
   IStream* s = nullptr;
   HRESULT hr = op.dir.empty() ? S_OK
-                              : root->OpenStorage(ole(op.dir).data(), nullptr,
-                                                  kRW, nullptr, 0, &dir);
+                              : root->OpenStorage(gxsOle(op.dir), nullptr, kRW,
+                                                  nullptr, 0, &dir);
   if (hr != S_OK) return hr;
   ULARGE_INTEGER size;
   LARGE_INTEGER at;
   size.QuadPart = at.QuadPart = op.a;
   if (op.kind == kWrite || op.kind == kSetSize) {
-    hr = dir->OpenStream(name.data(), nullptr, kRW, 0, &s);
-    if (hr == STG_E_FILENOTFOUND)
-      hr = dir->CreateStream(name.data(), kRW, 0, 0, &s);
+    hr = dir->OpenStream(name, nullptr, kRW, 0, &s);
+    if (hr == STG_E_FILENOTFOUND) hr = dir->CreateStream(name, kRW, 0, 0, &s);
   }
   const std::string bytes(op.b, char('a' + op.b % 26));
   if (hr == S_OK && op.kind == kWrite &&
       (hr = s->Seek(at, STREAM_SEEK_SET, nullptr)) == S_OK)
     hr = s->Write(bytes.data(), op.b, nullptr);
   if (hr == S_OK && op.kind == kSetSize) hr = s->SetSize(size);
-  if (op.kind == kStorage)
-    hr = dir->CreateStorage(name.data(), kRW, 0, 0, &sub);
-  if (op.kind == kDestroy) hr = dir->DestroyElement(name.data());
-  if (op.kind == kRename)
-    hr = dir->RenameElement(name.data(), ole(op.to).data());
+  if (op.kind == kStorage) hr = dir->CreateStorage(name, kRW, 0, 0, &sub);
+  if (op.kind == kDestroy) hr = dir->DestroyElement(name);
+  if (op.kind == kRename) hr = dir->RenameElement(name, gxsOle(op.to));
   if (s != nullptr) s->Release();
   if (sub != nullptr) sub->Release();
   if (dir != root) dir->Release();
@@ -167,11 +121,11 @@ void runScripts(bool transacted) {
     ASSERT_EQ(
         gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(bytes), mode, &root),
         S_OK);
-    ASSERT_EQ(walk(root, u"", states[0]), S_OK);
+    ASSERT_EQ(gxsWalk(root, u"", states[0]), S_OK);
     for (const Op& op : kScripts[script]) {
       ASSERT_EQ(run(root, op), S_OK);
       if (op.kind == kCommit || &op == &kScripts[script].back()) {
-        ASSERT_EQ(walk(root, u"", states.emplace_back()), S_OK);
+        ASSERT_EQ(gxsWalk(root, u"", states.emplace_back()), S_OK);
       }
     }
     root->Release();
@@ -207,7 +161,7 @@ void runScripts(bool transacted) {
         ASSERT_EQ(
             gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(bytes), kRW, &root),
             S_OK);
-        EXPECT_EQ(walk(root, u"", seen), S_OK);
+        EXPECT_EQ(gxsWalk(root, u"", seen), S_OK);
         root->Release();
         EXPECT_TRUE(transacted
                         ? seen == states[commits] ||
