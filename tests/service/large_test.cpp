@@ -7,41 +7,35 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <random>
 #include <string>
 
-#include "service/gxsService.h"
+#include "service/gxsTreeWalk.h"
 #include "support/gxMemoryFile.h"
-#include "support/gxRoundTrip.h"
 
 namespace {
 
 constexpr DWORD kRW = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-const std::u16string kNames[] = {u"a", u"b", u"c"};
-
-const OLECHAR* ole(const std::u16string& s) {
-  return reinterpret_cast<const OLECHAR*>(s.c_str());
-}
 
 // Appends seeded chunks to three streams, 12 MiB in all, destroying "b"
 // halfway; `written` receives everything each stream was given.
-HRESULT grow(IStorage* root, std::map<std::u16string, std::string>& written) {
+HRESULT grow(IStorage* root, gxRtTree& written) {
+  const std::u16string names[] = {u"a", u"b", u"c"};
   std::mt19937 rng(7);
   IStream* s[3] = {};
   HRESULT hr = S_OK;
   for (int i = 0; i < 3 && hr == S_OK; ++i)
-    hr = root->CreateStream(ole(kNames[i]), kRW, 0, 0, &s[i]);
+    hr = root->CreateStream(gxsOle(names[i]), kRW, 0, 0, &s[i]);
   for (uint64_t total = 0; hr == S_OK && total < (12u << 20);) {
     const int i = static_cast<int>(rng() % 3);
     if (s[i] == nullptr) continue;
     std::string chunk(rng() % (192u << 10) + 1, char('a' + rng() % 26));
-    written[kNames[i]] += chunk;
+    written[names[i]].second += chunk;
     total += chunk.size();
     hr = s[i]->Write(chunk.data(), static_cast<ULONG>(chunk.size()), nullptr);
     if (hr == S_OK && total > (6u << 20) && s[1] != nullptr) {
       s[1]->Release(), s[1] = nullptr;
-      hr = root->DestroyElement(ole(u"b"));
+      hr = root->DestroyElement(gxsOle(u"b"));
     }
   }
   for (IStream* one : s)
@@ -49,22 +43,16 @@ HRESULT grow(IStorage* root, std::map<std::u16string, std::string>& written) {
   return hr;
 }
 
-// The streams of `root`, read whole.
-std::map<std::u16string, std::string> readAll(IStorage* root) {
-  std::map<std::u16string, std::string> seen;
-  for (const char16_t* name : {u"keep", u"a", u"b", u"c"}) {
-    IStream* s = nullptr;
-    if (root->OpenStream(ole(name), nullptr, kRW, 0, &s) != S_OK) continue;
-    std::string& bytes = seen[name];
-    char chunk[65536];
-    ULONG done = 0;
-    HRESULT hr;
-    while ((hr = s->Read(chunk, sizeof chunk, &done)) == S_OK && done > 0)
-      bytes.append(chunk, done);
-    EXPECT_EQ(hr, S_OK);
-    s->Release();
-  }
-  return seen;
+// The tree of the file in `bytes`, as the service reads it.
+gxRtTree treeOf(const std::shared_ptr<gxMemoryBytes>& bytes) {
+  gxRtTree tree;
+  IStorage* root = nullptr;
+  EXPECT_EQ(gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(bytes), kRW, &root),
+            S_OK);
+  if (root == nullptr) return tree;
+  EXPECT_EQ(gxsWalk(root, u"", tree), S_OK);
+  root->Release();
+  return tree;
 }
 
 }  // namespace
@@ -76,32 +64,26 @@ TEST(ServiceLargeFiles, GrowthPastTheHeaderSlotsReadsBackAndSurvivesCuts) {
                                kRW | STGM_CREATE, &root),
             S_OK);
   IStream* keep = nullptr;
-  ASSERT_EQ(root->CreateStream(ole(u"keep"), kRW, 0, 0, &keep), S_OK);
+  ASSERT_EQ(root->CreateStream(gxsOle(u"keep"), kRW, 0, 0, &keep), S_OK);
   ASSERT_EQ(keep->Write("kept", 4, nullptr), S_OK);
   keep->Release();
   root->Release();
 
   auto whole = std::make_shared<gxMemoryBytes>(*base);
-  std::map<std::u16string, std::string> written;
+  gxRtTree written = {{u"keep", {false, "kept"}}};
   ASSERT_EQ(gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(whole), kRW, &root),
             S_OK);
   ASSERT_EQ(grow(root, written), S_OK);
   root->Release();
   ASSERT_GT(whole->bytes[72], 0) << "the FAT needs a DIFAT sector";
   written.erase(u"b");
-  written[u"keep"] = "kept";
-  ASSERT_EQ(gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(whole), kRW, &root),
-            S_OK);
-  EXPECT_TRUE(readAll(root) == written);
-  root->Release();
+  EXPECT_TRUE(treeOf(whole) == written);
 #ifndef _WIN32
   const auto path = std::filesystem::temp_directory_path() / "gx-large.cfb";
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(whole->bytes.data()),
              static_cast<std::streamsize>(whole->bytes.size()));
-  gxRtTree tree;
-  for (const auto& [name, bytes] : written) tree[name] = {false, bytes};
-  gxExpectOlefileReads(path, tree);
+  gxExpectOlefileReads(path, written);
   std::filesystem::remove(path);
 #endif
 
@@ -111,21 +93,18 @@ TEST(ServiceLargeFiles, GrowthPastTheHeaderSlotsReadsBackAndSurvivesCuts) {
     SCOPED_TRACE(n);
     auto cut = std::make_shared<gxMemoryBytes>(*base);
     cut->changesLeft = n;
-    std::map<std::u16string, std::string> given;
+    gxRtTree given = {{u"keep", {false, "kept"}}};
     ASSERT_EQ(gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(cut), kRW, &root),
               S_OK);
     grow(root, given);
     root->Release();
     EXPECT_GT(cut->failed, 0);
     cut->changesLeft = -1;
-    ASSERT_EQ(gxsStgOpenOnFile(std::make_unique<gxMemoryFile>(cut), kRW, &root),
-              S_OK);
-    given[u"keep"] = "kept";
-    const auto seen = readAll(root);
+    const gxRtTree seen = treeOf(cut);
     EXPECT_EQ(seen.count(u"keep"), 1u);
-    for (const auto& [name, bytes] : seen)
-      EXPECT_EQ(bytes, given[name].substr(0, bytes.size()))
+    for (const auto& [name, element] : seen)
+      EXPECT_EQ(element.second,
+                given[name].second.substr(0, element.second.size()))
           << std::string(name.begin(), name.end());
-    root->Release();
   }
 }
