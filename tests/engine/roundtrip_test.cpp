@@ -102,8 +102,7 @@ const unsigned short* units(const std::u16string& s) {
 // backend or the platform's, then writes the streams in chunks of random
 // sizes, taking turns from a random first one, so that their blocks
 // interleave in the file and the first writes come in another order than the
-// creations. After the portable backend's commit, a stream created and
-// written is never saved: a second commit writes nothing.
+// creations.
 void writeTree(const std::u16string& file, const Plan& plan, uint32_t seed,
                bool portable) {
   CGxAbsStorage* root = nullptr;
@@ -142,11 +141,6 @@ void writeTree(const std::u16string& file, const Plan& plan, uint32_t seed,
     }
   }
   root->commit();
-  CGxAbsStream* late = nullptr;
-  if (portable && root->openIStream(units(u"late"), false, &late) == 0) {
-    late->write("late", 4, nullptr);
-    root->commit();
-  }
   gxStgCloseStorage(root);
 }
 

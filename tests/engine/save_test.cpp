@@ -1,6 +1,6 @@
 // The end of the save of a created file when the output or the temporary
-// file fails. (What a save writes, byte for byte, at each limit of the
-// layout is pinned by the round-trip test.)
+// file fails; a second save writes nothing. (What a save writes, byte for byte,
+// at each limit of the layout is pinned by the round-trip test.)
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -55,7 +55,14 @@ TEST(SaveTest, FailingOutputOrTemporaryFileEndsWithFailedOutput) {
   Doc reference;
   reference.cf.save();
   ASSERT_TRUE(reference.out.good());
-  const std::string& whole = reference.out.buf().data();
+  const std::string whole = reference.out.buf().data();
+  // A second save, even after more changes, writes nothing.
+  reference.streams.emplace_back();
+  reference.streams.back().name = u"late";
+  reference.record(gxdChangeRecord::kStreamCreated, &reference.storage,
+                   &reference.streams.back());
+  reference.cf.save();
+  EXPECT_EQ(reference.out.buf().data(), whole);
   ASSERT_GT(whole.size(), 150u * 512);
   const uint64_t temp = reference.temp.buf().data().size();
   auto failsWithin = [&](Doc& d, const char* what, uint64_t n) {
