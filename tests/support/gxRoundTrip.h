@@ -1,6 +1,6 @@
-// Round-trip files and tree readers shared by the round-trip and interop
-// tests. Defined in tests/engine/roundtrip_test.cpp (they need the internal
-// library, so they are not compiled into the api test program).
+// Tree readers shared by the round-trip, interop and service tests. Defined in
+// tests/engine/roundtrip_test.cpp (they need the internal library, so they are
+// not compiled into the api test program).
 #ifndef GXSTORAGE_TESTS_SUPPORT_GXROUNDTRIP_H_
 #define GXSTORAGE_TESTS_SUPPORT_GXROUNDTRIP_H_
 
@@ -14,10 +14,6 @@
 // Element path (names joined by '/') -> (is a storage, stream bytes).
 using gxRtTree = std::map<std::u16string, std::pair<bool, std::string>>;
 
-// Writes seeded random trees, and one file whose FAT needs a DIFAT sector,
-// into `dir` through the portable objects; returns each file with its tree.
-std::vector<std::pair<std::u16string, gxRtTree>> gxWriteRoundTripFiles(
-    const std::u16string& dir);
 // The tree of `file` as our loader lists it and the portable streams read it
 // (in varying chunks and at positions); `sectorSize` receives its sector size.
 gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize = nullptr);

@@ -1,7 +1,6 @@
 #include "support/gxTestFileBuilder.h"
 
 #include <algorithm>
-#include <random>
 
 namespace {
 constexpr uint32_t kFatMark = 0xFFFFFFFDu;
@@ -16,17 +15,6 @@ uint32_t ceilDiv(uint64_t a, uint64_t b) {
 
 void gxPutU32(std::string& f, uint64_t at, uint32_t v, int width) {
   for (int i = 0; i < width; ++i) f[at + i] = static_cast<char>(v >> (8 * i));
-}
-uint32_t gxGetU32(const std::string& f, uint64_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(f[at + i]);
-  return v;
-}
-
-uint64_t gxDigest(const std::string& bytes) {
-  uint64_t h = 0xCBF29CE484222325ull;
-  for (unsigned char c : bytes) h = (h ^ c) * 0x100000001B3ull;
-  return h;
 }
 
 gxTestFileBuilder::gxTestFileBuilder(uint16_t version)
@@ -138,29 +126,20 @@ std::string gxTestFileBuilder::build() {
              d + 1 < nDifat ? difatSectors[d + 1] : kEnd);
   }
   // Stream data and its chains, each in its own range of the mini stream or
-  // of sectors: in order, or scattered in runs of random lengths.
+  // of sectors, in order.
   std::vector<uint32_t> miniFat(size_t(nMiniFat) * perSector, kNone);
-  std::mt19937 rng(scatter);
   for (Entry& e : entries) {
     if (e.type != 2 || e.data.empty()) continue;
     const bool small = e.data.size() < kCutoff;
     const uint32_t unit = small ? kMiniSize : sectorSize;
     const uint64_t at = small ? sectorOffset(miniStreamSectors[0]) : unit;
-    std::vector<std::vector<uint32_t>> runs;
-    for (uint32_t u = 0; u * unit < e.data.size(); ++u) {
-      if (runs.empty() || (scatter && rng() % 8 == 0)) runs.emplace_back();
-      runs.back().push_back(e.startSector + u);
+    const uint32_t count = ceilDiv(e.data.size(), unit);
+    for (uint32_t i = 0; i < count; ++i) {
+      (small ? miniFat : fat)[e.startSector + i] =
+          i + 1 < count ? e.startSector + i + 1 : kEnd;
+      const std::string part = e.data.substr(uint64_t(i) * unit, unit);
+      f.replace(at + uint64_t(e.startSector + i) * unit, part.size(), part);
     }
-    if (scatter) std::shuffle(runs.begin(), runs.end(), rng);
-    std::vector<uint32_t> order;
-    for (const auto& run : runs) order.insert(order.end(), run.begin(), run.end());
-    for (size_t i = 0; i < order.size(); ++i) {
-      (small ? miniFat : fat)[order[i]] =
-          i + 1 < order.size() ? order[i + 1] : kEnd;
-      const std::string part = e.data.substr(i * unit, unit);
-      f.replace(at + uint64_t(order[i]) * unit, part.size(), part);
-    }
-    e.startSector = order[0];
   }
   for (uint32_t s = 0; s < fat.size(); ++s)
     gxPutU32(f, fatEntryOffset(s), fat[s]);

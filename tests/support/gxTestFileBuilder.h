@@ -59,7 +59,6 @@ class gxTestFileBuilder {
   uint16_t majorVersion;
   uint16_t sectorShift;        // 9 for version 3, 12 for version 4
   uint32_t minFatSectors = 1;  // 110 puts the last FAT sector in the DIFAT
-  uint32_t scatter = 0;  // not 0: seeds chains scattered in runs, not in order
   std::vector<Entry> entries;  // entries[0] is the root
 
   // ---- Layout, set by build(): sector numbers in chain order -------------
@@ -75,11 +74,8 @@ class gxTestFileBuilder {
                std::string data);
 };
 
-// Little-endian store of the low `width` bytes of `value`, and a load.
+// Little-endian store of the low `width` bytes of `value`.
 void gxPutU32(std::string& file, uint64_t offset, uint32_t value,
               int width = 4);
-uint32_t gxGetU32(const std::string& file, uint64_t offset);
-// 64-bit FNV-1a digest of `bytes`: pins whole files written byte for byte.
-uint64_t gxDigest(const std::string& bytes);
 
 #endif  // GXSTORAGE_TESTS_SUPPORT_GXTESTFILEBUILDER_H_
