@@ -222,7 +222,10 @@ fs::path scratch(const char* prefix) {
 // sizes, so that every read positions the shared file itself; then seeded
 // reads at random positions and of random lengths, which must deliver exactly
 // the stream's bytes there, whichever run of a scattered chain they land in;
-// past the end, and a clone.
+// past the end, and a clone. With every element open, each storage's
+// enumerator lists them all: storages first, then streams, each by code
+// units; next answers a short batch, skip may not land on the end, and a
+// clone goes on from the cursor.
 gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
   gxRtTree tree;
   gxdFileView view;
@@ -231,23 +234,47 @@ gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
   EXPECT_EQ(gxdStgOpenStorage(file.c_str(), 0, &root), 0);
   if (root == nullptr) return tree;
   if (sectorSize != nullptr) *sectorSize = view.file().sectorSize;
-  std::vector<gxdIStorage*> held;
+  // Storages by path (parents come before their children), and their
+  // children as (is a stream, name).
+  std::map<std::u16string, gxdIStorage*> storages{{u"", root}};
+  std::map<std::u16string, std::vector<std::pair<bool, std::u16string>>> kids;
   std::vector<std::pair<gxdIStream*, std::string*>> streams;
   for (const gxdFileViewElement& e : view.elements()) {
-    std::u16string path;
-    for (const std::u16string& n : e.names) path += path.empty() ? n : u"/" + n;
+    std::u16string parent, path;
+    for (const std::u16string& n : e.names)
+      parent = path, path += path.empty() ? n : u"/" + n;
     tree[path] = {e.isStorage, {}};
-    gxdIStorage* cur = root;
-    for (size_t k = 0; !e.isStorage && k + 1 < e.names.size() && cur; ++k) {
-      gxdIStorage* next = nullptr;
-      EXPECT_EQ(cur->openStorage(e.names[k].c_str(), &next), 0);
-      if (next != nullptr) held.push_back(next);
-      cur = next;
-    }
+    kids[parent].emplace_back(!e.isStorage, e.names.back());
+    gxdIStorage* in = storages[parent];
     gxdIStream* s = nullptr;
-    if (!e.isStorage && cur != nullptr &&
-        cur->openStream(e.names.back().c_str(), &s) == 0)
+    if (in != nullptr && e.isStorage)
+      EXPECT_EQ(in->openStorage(e.names.back().c_str(), &storages[path]), 0);
+    else if (in != nullptr && in->openStream(e.names.back().c_str(), &s) == 0)
       streams.emplace_back(s, &tree[path].second);
+  }
+  for (auto& [path, storage] : storages) {
+    auto& want = kids[path];
+    std::sort(want.begin(), want.end());
+    const uint32_t n = static_cast<uint32_t>(want.size());
+    std::vector<gxdsSTATSTG> r(2);
+    uint32_t fetched = 0;
+    CGxAbsStgEnum *e = nullptr, *c = nullptr;
+    if (storage == nullptr || !storage->enumElements(&e)) continue;
+    for (uint32_t k = 0; k <= n + 1; ++k) {  // skip k from the start, next 2
+      e->reset();
+      EXPECT_EQ(e->skip(k), k < n) << k;
+      const uint32_t at = k < n ? k : 0;
+      EXPECT_TRUE(e->next(2, r.data(), &fetched) == (at < n) &&
+                  fetched == std::min(2u, n - at));
+      for (uint32_t i = 0; i < fetched; ++i)
+        EXPECT_TRUE(reinterpret_cast<const char16_t*>(r[i].name()) ==
+                        want[at + i].second &&
+                    (r[i].type() == GX_STGTY_STREAM) == want[at + i].first);
+    }
+    e->reset();
+    e->skip(n / 2);
+    EXPECT_TRUE(e->clone(&c) && c->next(2, r.data(), &fetched) == (n > 0) &&
+                fetched == std::min(2u, n - n / 2));
   }
   std::string chunk(5000, '\0');
   std::vector<bool> reading(streams.size(), true);
@@ -288,8 +315,8 @@ gxRtTree gxReadOurs(const std::u16string& file, uint32_t* sectorSize) {
     EXPECT_TRUE(d.empty() || (copy->read(&c, 1, &n) == 0 && c == d[0]));
     s->release();
   }
-  for (gxdIStorage* h : held) h->release();
-  root->release();
+  for (auto it = storages.rbegin(); it != storages.rend(); ++it)  // root last
+    if (it->second != nullptr) it->second->release();
   return tree;
 }
 
@@ -304,8 +331,8 @@ void gxExpectSameTree(const gxRtTree& seen, const gxRtTree& written) {
 
 #ifndef _WIN32
 // olefile reads `file` and finds exactly `tree` (an element named "" stands
-// for the root) in it: the tree listed the way tests/tools/olefile_dump.py
-// lists the file.
+// for the root) in it: the tree listed the way `tests/tools/gxstg_test.py
+// --list` lists the file.
 void gxExpectOlefileReads(const std::filesystem::path& file,
                           const gxRtTree& tree) {
   std::vector<std::string> lines;
@@ -329,7 +356,7 @@ void gxExpectOlefileReads(const std::filesystem::path& file,
   for (const std::string& line : lines) want += line;
   EXPECT_NE(want, "");
   EXPECT_EQ(run("/usr/bin/python3 " GXSTORAGE_TEST_SOURCE_DIR
-                "/tests/tools/olefile_dump.py " +
+                "/tests/tools/gxstg_test.py --list " +
                 file.string() + " 2>&1"),
             want);
 }

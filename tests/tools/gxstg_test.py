@@ -1,10 +1,21 @@
 #!/usr/bin/python3
 # End-to-end tests of gxstg through its command line: seeded random folder
 # trees pack -> tree -> cat -> extract equal; every error path with its
-# message and exit code; extract never leaving DIR on hostile names. (Files
-# Wine's ole32 wrote are edited by gxstg_edit_test.py.)
+# message and exit code; extract never leaving DIR on hostile names; seeded
+# edits (put, mkdir, mv, rm) of files Wine's ole32 wrote (versions 3 and 4)
+# applied to a model of the tree, the result read by olefile after every edit
+# and by gsf at the end; refused edits leave the file byte for byte; compact
+# keeps the tree.
 #
-# Usage: gxstg_test.py BIN_DIR SOURCE_DIR
+#   gxstg_test.py BIN_DIR SOURCE_DIR
+#   gxstg_test.py --list FILE
+# The second form lists FILE as olefile reads it, for the C++ round-trip
+# tests: one line per element, sorted, "<type> <path> <size> <adler32>", with
+# type "storage" or "stream", the names from the root joined with '/', each
+# written as the hex digits of its UTF-16 code units (4 per unit) so that any
+# name survives the comparison, the bytes of a stream (0 for a storage) and
+# their Adler-32 in 8 hex digits ('-' for a storage). It fails (exit status 1)
+# when olefile cannot read the file.
 import os
 import random
 import re
@@ -12,6 +23,56 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import zlib
+
+import olefile
+
+
+def units(name):
+    data = name.encode("utf-16-le", "surrogatepass")
+    return [data[i] | data[i + 1] << 8 for i in range(0, len(data), 2)]
+
+
+def olefile_tree(path):
+    # {names: bytes of a stream, or None for a storage} as olefile reads the
+    # file. Each children tree must also be a search tree in the order
+    # readers look names up in: shorter names first, then code unit by code
+    # unit with A-Z folded to a-z; a tree out of that order is a failed read.
+    # The children lists are walked rather than names looked up: olefile's
+    # own lookup ignores case, and siblings may differ only in case.
+    tree = {}
+    with olefile.OleFileIO(path) as ole:
+        def in_order(sid):
+            if sid == olefile.NOSTREAM:
+                return []
+            e = ole.direntries[sid]
+            return in_order(e.sid_left) + [e] + in_order(e.sid_right)
+
+        def walk(node, names):
+            keys = [(len(u), [c + 32 if 65 <= c <= 90 else c for c in u])
+                    for u in (units(kid.name) for kid in in_order(node.sid_child))]
+            if keys != sorted(keys):
+                raise IOError("children of %r out of order" % (names,))
+            for kid in node.kids:
+                path = names + (kid.name,)
+                if kid.entry_type == olefile.STGTY_STORAGE:
+                    tree[path] = None
+                    walk(kid, path)
+                elif kid.entry_type == olefile.STGTY_STREAM:
+                    tree[path] = ole._open(kid.isectStart, kid.size).read() if kid.size else b""
+                    if len(tree[path]) != kid.size:
+                        raise IOError("short stream %r" % (path,))
+
+        walk(ole.root, ())
+    return tree
+
+
+def listing(path):
+    return sorted("%s %s %d %s\n" % (
+        "storage" if data is None else "stream",
+        "/".join("".join("%04x" % u for u in units(n)) for n in names), len(data or b""),
+        "-" if data is None else "%08x" % zlib.adler32(data))
+        for names, data in olefile_tree(path).items())
 
 
 def make_tree(root, seed):
@@ -49,19 +110,23 @@ def main():
                                   tempfile.mkdtemp(), [])
     w = lambda *names: os.path.join(work, *names)
 
-    def run(*args):
-        return subprocess.run([gxstg] + list(args), capture_output=True)
+    def run(*args, stdin=b""):
+        return subprocess.run([gxstg] + list(args), input=stdin, capture_output=True)
 
     def differ(a, b):  # two folder trees, files and bytes
         return subprocess.run(["diff", "-r", a, b], capture_output=True).returncode != 0
 
-    def expect(code, pattern, *args):
+    def expect(code, pattern, *args, stdin=b""):
         # gxstg ARGS exits with CODE and prints PATTERN (a regular expression,
         # per line) on standard output or standard error.
-        r = run(*args)
+        r = run(*args, stdin=stdin)
         if r.returncode != code or not re.search(pattern.encode(), r.stdout + r.stderr, re.M):
             failures.append("%s gave %d (wanted %d): %s"
                             % (args, r.returncode, code, r.stderr[:300]))
+
+    def check(ok, what):
+        if not ok:
+            failures.append(what)
 
     # ---- Round trips on seeded random trees ---------------------------------
     for seed in range(1, 6):
@@ -92,7 +157,8 @@ def main():
 
     # ---- Usage and error paths ----------------------------------------------
     good = open(s, "rb").read()
-    for name, data in [("text", b"plain text, longer than one header of 512 bytes" * 20),
+    text = b"plain text, longer than one header of 512 bytes" * 20
+    for name, data in [("text", text),
                        ("short", good[:100]), ("v5", good[:26] + b"\x05" + good[27:]),
                        ("fat", good[:76] + b"\x00\xff\xff\x0f" + good[80:]),
                        ("dir", good[:48] + b"\x00\x00\x01\x00" + good[52:])]:
@@ -116,6 +182,8 @@ def main():
             (2, "no such file", "info", w("missing.cfb")),
             (2, "is a directory", "tree", work),
             (3, r"text: not a compound file \(bad signature\)", "info", w("text")),
+            (3, "text: not a compound file", "put", w("text"), "a"),
+            (2, "", "mkdir", w("none.cfb"), "a"),
             (3, "short: not a compound file: too short", "probe", w("short")),
             (3, "v5: not a compound file: unsupported major version", "probe", w("v5")),
             (3, "fat: corrupt", "tree", w("fat")),
@@ -132,8 +200,11 @@ def main():
             (1, "is 32 UTF-16 units long; compound-file names hold at most 31",
              "pack", w("n32"), w("n32.cfb"))]:
         expect(code, pattern, *args)
-    if os.path.exists(w("n32.cfb")) and os.path.getsize(w("n32.cfb")):
-        failures.append("a refused pack wrote its file")
+    check(not os.path.exists(w("n32.cfb")) or not os.path.getsize(w("n32.cfb")),
+          "a refused pack wrote its file")
+    # A file that is not a compound file is left alone; a missing one is not made.
+    check(open(w("text"), "rb").read() == text and not os.path.exists(w("none.cfb")),
+          "the text file changed, or the missing one was made")
 
     # ---- Hostile names never leave DIR --------------------------------------
     h = w("hostile")
@@ -167,10 +238,52 @@ def main():
         if not os.path.isfile(h + "/sandbox/out/" + p):
             failures.append("hostile: %r not extracted" % p)
 
+    # ---- Edits of files Wine's ole32 wrote ----------------------------------
+    for fixture in ("ole32_v3.cfb", "ole32_v4.cfb"):
+        f = shutil.copy(os.path.join(src, "tests", "data", fixture), work)
+        model, rng = olefile_tree(f), random.Random(fixture)
+        for step in range(30):
+            op, path = rng.choice(["put", "put", "mkdir", "mv", "rm"]), rng.choice(list(model))
+            name = "e%d%s" % (step, rng.choice(["", "x" * 20, "\u00e9"]))
+            if op == "mkdir" or op == "put" and (model[path] is None or rng.random() < 0.6):
+                path = path[:-1 if model[path] is not None else None] + (name, op[0])
+            if op in ("put", "mkdir"):  # a new or an existing stream, or a new storage
+                body = os.urandom(rng.choice([0, 10, 4095, 4096, 9000]))
+                model[path] = body if op == "put" else None
+                expect(0, "", op, f, "/".join(path), stdin=model[path] or b"")
+                model.update({path[:i]: None for i in range(1, len(path))})
+            else:
+                expect(0, "", op, f, "/".join(path), *([name] if op == "mv" else []))
+                below = {p[len(path):]: model.pop(p) for p in list(model) if p[:len(path)] == path}
+                if op == "mv":
+                    model.update({path[:-1] + (name,) + p: v for p, v in below.items()})
+            if olefile_tree(f) != model:
+                failures.append("%s after step %d: %s %s" % (fixture, step, op, path))
+                break
+        # Refusals leave the file as it was, byte for byte.
+        before, (a, b) = open(f, "rb").read(), [p[0] for p in model if len(p) == 1][:2]
+        for args, code in [(["mv", a, "a" * 32], 1), (["mv", a, "bad/name"], 1), (["mv", a, b], 1),
+                           (["put", "missing", "/nonexistent"], 2), (["rm", "no such element"], 2),
+                           (["put", "x" * 40], 1)] + [
+                          (["put", "/".join(p)], 1) for p in model if model[p] is None][:2]:
+            expect(code, "", args[0], f, *args[1:])
+        check(open(f, "rb").read() == before, "%s changed by refused edits" % fixture)
+        # gsf, another independent reader, lists every element of the edited file.
+        if shutil.which("gsf"):
+            listed = subprocess.run(["gsf", "list", f], capture_output=True)
+            check(listed.returncode == 0 and all("/".join(p).encode() in listed.stdout
+                                                 for p in model), "%s: gsf lists less" % fixture)
+        expect(0, "", "compact", f)
+        check(olefile_tree(f) == model and os.path.getsize(f) <= len(before),
+              "%s: compact" % fixture)
+
     shutil.rmtree(work)
     print("\n".join("FAIL: " + line for line in failures) or "gxstg_test: all passed")
     return 1 if failures else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    if sys.argv[1] == "--list":
+        print("".join(listing(sys.argv[2])), end="")
+    else:
+        sys.exit(main())
