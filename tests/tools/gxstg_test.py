@@ -265,7 +265,8 @@ def main():
         for args, code in [(["mv", a, "a" * 32], 1), (["mv", a, "bad/name"], 1), (["mv", a, b], 1),
                            (["put", "missing", "/nonexistent"], 2), (["rm", "no such element"], 2),
                            (["put", "x" * 40], 1)] + [
-                          (["put", "/".join(p)], 1) for p in model if model[p] is None][:2]:
+                          (["put", "/".join(p)], 1) for p in model if model[p] is None][:2] + [
+                          (["mkdir", "/".join(p)], 1) for p in model if model[p] is not None][:2]:
             expect(code, "", args[0], f, *args[1:])
         check(open(f, "rb").read() == before, "%s changed by refused edits" % fixture)
         # gsf, another independent reader, lists every element of the edited file.
