@@ -1,7 +1,7 @@
 // The service's core where the differential sequences cannot look: the
-// red-black rules of a sibling tree of thousands of elements, and the
-// space removed streams free. The seeded differential sequences check what
-// the core stores against the platform; commits cut off at every write are
+// red-black rules of a sibling tree of thousands of elements. The seeded
+// differential sequences check what the core stores against the platform;
+// commits cut off at every write, and the space removed streams free, are
 // the failing-disk tests' (faults_test.cpp).
 #include <gtest/gtest.h>
 
@@ -17,13 +17,11 @@ struct Doc {
   std::shared_ptr<gxMemoryBytes> bytes = std::make_shared<gxMemoryBytes>();
   std::unique_ptr<gxsDocFile> file;
 
-  HRESULT open(bool transacted = false, bool create = false) {
+  HRESULT open(bool create = false) {
     file.reset();
     auto f = std::make_unique<gxMemoryFile>(bytes);
-    HRESULT hr = create ? gxsDocFile::create(std::move(f), file)
-                        : gxsDocFile::open(std::move(f), true, file);
-    if (hr == S_OK) file->setTransacted(transacted);
-    return hr;
+    return create ? gxsDocFile::create(std::move(f), file)
+                  : gxsDocFile::open(std::move(f), true, file);
   }
 };
 
@@ -38,54 +36,12 @@ int blackHeight(const gxsDocFile& f, uint32_t node) {
   return left + r.colour;
 }
 
-// Removed streams leave none of their bytes in the file, whether a commit
-// saw them or not, and the space they held is taken again before the file
-// grows.
-TEST(ServiceDocFile, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
-  for (bool transacted : {false, true}) {
-    SCOPED_TRACE(transacted ? "transacted" : "direct");
-    Doc doc;
-    ASSERT_EQ(doc.open(transacted, true), S_OK);
-    std::vector<size_t> sizes;
-    std::vector<uint32_t> removed;
-    uint32_t id = 0, done = 0;
-    auto add = [&](const char16_t* name, char c, uint32_t size) {
-      const std::string data(size, c);
-      return doc.file->addEntry(0, name, kObjStream, id) == S_OK &&
-             doc.file->writeStream(id, 0, data.data(), size, done) == S_OK;
-    };
-    auto remove = [&](const char16_t* name) {
-      removed.clear();
-      return doc.file->find(0, name, id) == S_OK &&
-             doc.file->removeEntry(0, id, removed) == S_OK;
-    };
-    auto holds = [&](char c) {
-      return std::search_n(doc.bytes->bytes.begin(), doc.bytes->bytes.end(), 64,
-                           uint8_t(c)) != doc.bytes->bytes.end();
-    };
-    for (int round = 0; round < 3; ++round) {
-      ASSERT_TRUE(add(u"gone", 'Q', 100000) && add(u"tiny", 'Z', 3000) &&
-                  add(u"keep", 'K', 5000));
-      ASSERT_TRUE(remove(u"gone") && remove(u"tiny"));
-      ASSERT_EQ(doc.file->commit(), S_OK);
-      EXPECT_FALSE(holds('Q') || holds('Z'));
-      ASSERT_TRUE(add(u"big", 'R', 100000));
-      ASSERT_EQ(doc.file->commit(), S_OK);
-      sizes.push_back(doc.bytes->bytes.size());
-      ASSERT_TRUE(remove(u"big") && remove(u"keep"));
-      ASSERT_EQ(doc.file->commit(), S_OK);
-      EXPECT_FALSE(holds('R') || holds('K'));
-    }
-    EXPECT_EQ(sizes[2], sizes[1]);
-  }
-}
-
 // Thousands of siblings added, then half removed in a seeded order: the
 // tree keeps the red-black rules and lookups fold case (the order children
 // come out in is the differential sequences' to compare).
 TEST(ServiceDocFile, ManySiblingsStayBalancedThroughAddsAndRemoves) {
   Doc doc;
-  ASSERT_EQ(doc.open(false, true), S_OK);
+  ASSERT_EQ(doc.open(true), S_OK);
   std::mt19937 rng(7);
   std::vector<std::u16string> names;
   std::vector<uint32_t> ids;
