@@ -13,18 +13,6 @@
 
 namespace {
 
-struct Doc {
-  std::shared_ptr<gxMemoryBytes> bytes = std::make_shared<gxMemoryBytes>();
-  std::unique_ptr<gxsDocFile> file;
-
-  HRESULT open(bool create = false) {
-    file.reset();
-    auto f = std::make_unique<gxMemoryFile>(bytes);
-    return create ? gxsDocFile::create(std::move(f), file)
-                  : gxsDocFile::open(std::move(f), true, file);
-  }
-};
-
 // Black height of the tree under `node`, or -1 when a rule is broken.
 int blackHeight(const gxsDocFile& f, uint32_t node) {
   if (node == kNoStream) return 0;
@@ -40,8 +28,9 @@ int blackHeight(const gxsDocFile& f, uint32_t node) {
 // tree keeps the red-black rules and lookups fold case (the order children
 // come out in is the differential sequences' to compare).
 TEST(ServiceDocFile, ManySiblingsStayBalancedThroughAddsAndRemoves) {
-  Doc doc;
-  ASSERT_EQ(doc.open(true), S_OK);
+  auto bytes = std::make_shared<gxMemoryBytes>();
+  std::unique_ptr<gxsDocFile> f;
+  ASSERT_EQ(gxsDocFile::create(std::make_unique<gxMemoryFile>(bytes), f), S_OK);
   std::mt19937 rng(7);
   std::vector<std::u16string> names;
   std::vector<uint32_t> ids;
@@ -49,28 +38,29 @@ TEST(ServiceDocFile, ManySiblingsStayBalancedThroughAddsAndRemoves) {
   for (int i = 0; i < 3000; ++i) {
     std::u16string name = u"s" + std::u16string(1, u'A' + rng() % 26);
     for (int v = i; v > 0; v /= 26) name += char16_t(u'a' + v % 26);
-    ASSERT_EQ(doc.file->addEntry(0, name, kObjStream, id), S_OK);
+    ASSERT_EQ(f->addEntry(0, name, kObjStream, id), S_OK);
     names.push_back(name);
   }
   std::shuffle(names.begin(), names.end(), rng);
   for (size_t i = 0; i < names.size() / 2; ++i) {
     std::u16string upper = names[i];
     for (char16_t& c : upper) c = c >= u'a' && c <= u'z' ? c - 32 : c;
-    ASSERT_EQ(doc.file->find(0, upper, id), S_OK);
-    ASSERT_EQ(doc.file->removeEntry(0, id, ids), S_OK);
+    ASSERT_EQ(f->find(0, upper, id), S_OK);
+    ASSERT_EQ(f->removeEntry(0, id, ids), S_OK);
     if (i % 100 == 0) {
-      ASSERT_GE(blackHeight(*doc.file, doc.file->entry(0).child), 0) << i;
+      ASSERT_GE(blackHeight(*f, f->entry(0).child), 0) << i;
     }
   }
-  ASSERT_EQ(doc.file->close(), S_OK);
-  ASSERT_EQ(doc.open(), S_OK);
-  EXPECT_GE(blackHeight(*doc.file, doc.file->entry(0).child), 0);
-  ASSERT_EQ(doc.file->children(0, ids), S_OK);
+  ASSERT_EQ(f->close(), S_OK);
+  f.reset();
+  ASSERT_EQ(gxsDocFile::open(std::make_unique<gxMemoryFile>(bytes), true, f),
+            S_OK);
+  EXPECT_GE(blackHeight(*f, f->entry(0).child), 0);
+  ASSERT_EQ(f->children(0, ids), S_OK);
   EXPECT_EQ(ids.size(), names.size() / 2);
   size_t wrong = 0;  // lookups that find a removed name or miss a kept one
   for (size_t i = 0; i < names.size(); ++i)
-    wrong +=
-        (doc.file->find(0, names[i], id) == S_OK) != (i >= names.size() / 2);
+    wrong += (f->find(0, names[i], id) == S_OK) != (i >= names.size() / 2);
   EXPECT_EQ(wrong, 0u);
 }
 
