@@ -213,9 +213,9 @@ const gxMemoryBytes& baseFile() {
   return base;
 }
 
-// Runs `script` under each of `faults` at every call (at `every` calls
-// spread over the script when not 0), from call `first` on, until a run
-// meets no failure. Returns the run on a disk that never fails.
+// Runs `script` under each of `faults` at every call from call `first` on,
+// until a run meets no failure (or at `every` calls spread over the script,
+// when not 0). Returns the run on a disk that never fails.
 Outcome runScript(const std::vector<Op>& script, bool transacted,
                   const std::vector<Fault>& faults, long every = 0,
                   long first = 0) {
@@ -228,7 +228,7 @@ Outcome runScript(const std::vector<Op>& script, bool transacted,
               states[transacted ? whole.commits : states.size() - 1]);
   const long step = every ? whole.bytes->changes / every + 1 : 1;
   for (const Fault& fault : faults)
-    for (long n = first;; n += step) {
+    for (long n = first; every == 0 || n < whole.bytes->changes; n += step) {
       SCOPED_TRACE(testing::Message() << fault.what << " at call " << n);
       Outcome cut = runOnce(baseFile(), script, mode, fault, n);
       Tree& seen = cut.seen;
