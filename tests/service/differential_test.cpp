@@ -209,15 +209,16 @@ std::string ourCodes(const Call& c, const std::string& platform) {
 
 // A record with what may differ on purpose left out.
 std::string masked(const Call& c, std::string r) {
+  static const std::regex bits(" b[0-9A-F]+"), rootSize(" t1 n[0-9]+");
   // State bits are kept in the element's directory entry, as documented:
   // they survive a reopen and show in enumerations and copies (CopyTo
   // gives the target the source's); ole32 under Wine keeps them in the
   // open object only (compared right after SetStateBits).
-  r = std::regex_replace(r, std::regex(" b[0-9A-F]+"), " b-");
+  r = std::regex_replace(r, bits, " b-");
   // Stat of a root storage gives size 0 like every storage; ole32 under
   // Wine gives the size of the mini stream.
   if ((c.op == kStatStorage && c.p == 0) || c.op == kOps)
-    r = std::regex_replace(r, std::regex(" t1 n[0-9]+"), " t1 n-");
+    r = std::regex_replace(r, rootSize, " t1 n-");
   return r;
 }
 
