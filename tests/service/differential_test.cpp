@@ -20,7 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <set>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -133,35 +133,15 @@ struct Call {
   bool writable = true;  // storage p was opened for writing (and its parents)
   bool into = true;      // and storage q
   DWORD access = kRW;    // mode of the object the call is made on
-  int slot(char k) const {
-    const int slots[] = {p, q, s, t, e, f};
-    static const char kKeys[] = "pqstef";
-    return slots[std::strchr(kKeys, k | 0x20) - kKeys];
-  }
-  std::string describe() const {
+  std::string describe() const {  // every field, used or not
     std::string d = kOpInfo[op].name;
-    for (const char* k = kOpInfo[op].fields; *k; ++k) {
-      if (*k == 'a' || *k == 'b') d += " " + esc(*k == 'a' ? a : b);
-      if (*k == 'm' || *k == 'n')
-        d += *k == 'm' ? " m" + hex(m) : " " + std::to_string(n);
-      if (*k != 'a' && *k != 'b' && *k != 'm' && *k != 'n')
-        d += " " + std::string(1, *k | 0x20) + std::to_string(slot(*k));
-    }
-    return d;
+    for (int slot : {p, q, s, t, e, f}) d += " " + std::to_string(slot);
+    return d + " " + esc(a) + " " + esc(b) + " m" + hex(m) + " " +
+           std::to_string(n);
   }
 };
 
 // ---- deviations kept on purpose ----
-// The run of hex digits after each `key` in a record reads "-".
-std::string blank(std::string r, const std::string& key) {
-  for (size_t at = r.find(key); at != std::string::npos;
-       at = r.find(key, at + 1)) {
-    const size_t from = at + key.size(),
-                 end = r.find_first_not_of("0123456789ABCDEF", from);
-    if (end > from) r.replace(from, std::min(end, r.size()) - from, "-");
-  }
-  return r;
-}
 // Whether access is enforced on `c`: an object opened for writing only is
 // not read (Read, CopyTo; its elements are listed, as the platform lists
 // them), no element is opened with access its storage lacks, and nothing is
@@ -229,14 +209,16 @@ std::string ourCodes(const Call& c, const std::string& platform) {
 
 // A record with what may differ on purpose left out.
 std::string masked(const Call& c, std::string r) {
+  static const std::regex bits(" b[0-9A-F]+"), rootSize(" t1 n[0-9]+");
   // State bits are kept in the element's directory entry, as documented:
   // they survive a reopen and show in enumerations and copies (CopyTo
   // gives the target the source's); ole32 under Wine keeps them in the
   // open object only (compared right after SetStateBits).
-  r = blank(r, " b");
+  r = std::regex_replace(r, bits, " b-");
   // Stat of a root storage gives size 0 like every storage; ole32 under
   // Wine gives the size of the mini stream.
-  if ((c.op == kStatStorage && c.p == 0) || c.op == kOps) r = blank(r, " t1 n");
+  if ((c.op == kStatStorage && c.p == 0) || c.op == kOps)
+    r = std::regex_replace(r, rootSize, " t1 n-");
   return r;
 }
 
@@ -327,18 +309,14 @@ std::string listing(const gxRtTree& tree) {
 }
 
 // Next of `count` records, in the order they came.
-std::string next(IEnumSTATSTG* e, ULONG count,
-                 std::multiset<std::string>* all = nullptr) {
+std::string next(IEnumSTATSTG* e, ULONG count) {
   STATSTG st[5];
   ULONG fetched = 0;
   std::memset(st, 0, sizeof st);
   const HRESULT r = e->Next(count, st, &fetched);
   std::string rec = R(r) + " " + std::to_string(fetched);
-  for (ULONG i = 0; i < fetched && i < count; ++i) {
-    const std::string one = statRec(st[i], false);
-    rec += "; " + one;
-    if (all) all->insert(one);
-  }
+  for (ULONG i = 0; i < fetched && i < count; ++i)
+    rec += "; " + statRec(st[i], false);
   return rec;
 }
 
@@ -496,17 +474,13 @@ std::string perform(Side& x, const Call& c, int step) {
     case kEnumClone:
       Side::drop(x.en[c.f]);
       return c.e == c.f ? "-" : R(e->Clone(&x.en[c.f]));
-    case kList: {  // everything, as a set and in the order it came
+    case kList: {  // everything, in the order it came
       Side::drop(x.en[c.f]);
       if ((r = g->EnumElements(0, nullptr, 0, &x.en[c.f])) != S_OK) return R(r);
-      std::multiset<std::string> all;
-      std::string order, set;
-      for (size_t size = 0; order.empty() || all.size() == size + 3;) {
-        size = all.size();
-        order += next(x.en[c.f], 3, &all) + " | ";
-      }
-      for (const std::string& one : all) set += one + "; ";
-      return set + "in order: " + order;
+      std::string all, three;
+      do all += (three = next(x.en[c.f], 3)) + " | ";
+      while (three.rfind("00000000 3", 0) == 0);
+      return all;
     }
     case kDestroy:
       return R(g->DestroyElement(w(c.a)));
