@@ -250,6 +250,11 @@ HRESULT gxsDocFile::loadFat() {
   // The tables' own sectors are reserved whatever their entries say, and
   // entries past the last valid sector id are never handed out.
   for (size_t s = maxSectors(); s < fat_.size(); ++s) fat_[s] = kEndOfChain;
+  // No chain may run past the file's end, so entries there that claim a
+  // sector are left over: they are free here (the file keeps its bytes until
+  // their FAT sector is written), and a new sector never lands far out.
+  for (size_t s = fileSectors; s < fat_.size() && s < maxSectors(); ++s)
+    fat_[s] = kFreeSect;
   for (uint32_t s : fatSectors_) fat_[s] = kFatSect;
   for (uint32_t s : difatSectors_) fat_[s] = kDifSect;
   return S_OK;
@@ -300,6 +305,10 @@ HRESULT gxsDocFile::loadMiniFat() {
   });
   if (hr != S_OK) return hr;
   miniFatDirty_.assign(miniFatChain_.size(), false);
+  // Likewise past the mini stream's end: the mini stream grows by what a new
+  // mini sector needs, not to a far index a leftover entry claims.
+  const size_t capacity = miniStream_.sectors.size() * (sectorSize() / 64);
+  for (size_t m = capacity; m < miniFat_.size(); ++m) miniFat_[m] = kFreeSect;
   return S_OK;
 }
 
