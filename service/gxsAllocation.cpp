@@ -169,7 +169,9 @@ HRESULT gxsDocFile::freeSectors(const pdTable& chain, size_t from) {
 }
 
 HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count, uint32_t& head) {
-  for (size_t i = 0; i < count; ++i) {
+  if (chain.capacity() - chain.size() < count)
+    chain.reserve(std::max(chain.size() + count, 2 * chain.capacity()));
+  while (count > 0) {
     uint32_t s = 0;
     HRESULT hr = allocateSector(s, kEndOfChain);
     if (hr != S_OK) return hr;
@@ -178,6 +180,28 @@ HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count, uint32_t& head) {
     else
       setFat(chain.back(), s);
     chain.push_back(s);
+    --count;
+    // The free sectors that follow join the chain in one sweep: a large
+    // write takes its sectors in runs, and bookkeeping sector by sector
+    // would cost more than writing them.
+    uint32_t last = s;
+    const uint64_t room =
+        maxSectors() > unplaced_ ? maxSectors() - unplaced_ : 0;
+    const uint64_t limit =
+        std::min<uint64_t>({fat_.size(), uint64_t(s) + 1 + count, room});
+    while (last + 1 < limit && fat_[last + 1] == kFreeSect &&
+           !isProtected(last + 1)) {
+      fat_[last] = last + 1;
+      chain.push_back(++last);
+      taken_.push_back(last);
+    }
+    if (last == s) continue;
+    fat_[last] = kEndOfChain;
+    const uint32_t eps = entriesPerSector();
+    for (uint32_t f = s / eps; f <= last / eps; ++f) fatDirty_[f] = true;
+    count -= last - s;
+    freeHint_ = last + 1;
+    allocatedEnd_ = std::max(allocatedEnd_, offsetOf(last) + sectorSize());
   }
   return S_OK;
 }

@@ -620,68 +620,63 @@ void gxsDocFile::trimEnd() {
 HRESULT gxsDocFile::writeTables() {
   const uint32_t ss = sectorSize();
   const uint32_t eps = entriesPerSector();
-  std::vector<uint8_t> sector(ss);
   // Sectors allocated but not yet written must exist before any table
   // points at them.
   if (allocatedEnd_ > fileBytes_) {
     if (!file_->truncate(allocatedEnd_)) return ioFailure(true);
     fileBytes_ = allocatedEnd_;
   }
-  HRESULT hr;
-  const uint32_t perSector = ss / kDirRecordSize;
-  for (size_t i = 0; i < dirChain_.size(); ++i) {
-    if (!dirDirty_[i]) continue;
-    for (uint32_t j = 0; j < perSector; ++j)
-      entries_[i * perSector + j].store(&sector[j * kDirRecordSize]);
-    if ((hr = writeBytes(offsetOf(dirChain_[i]), sector.data(), ss)) != S_OK)
-      return hr;
-    dirDirty_[i] = false;
-  }
-  for (size_t i = 0; i < miniFatChain_.size(); ++i) {
-    if (!miniFatDirty_[i]) continue;
-    for (uint32_t j = 0; j < eps; ++j)
-      storeU32(&sector[4 * j], miniFat_[i * eps + j]);
-    if ((hr = writeBytes(offsetOf(miniFatChain_[i]), sector.data(), ss)) !=
-        S_OK)
-      return hr;
-    miniFatDirty_[i] = false;
-  }
-  // Changed FAT sectors that lie back to back go out in one write.
+  // Writes sector i of `chain` where dirty[i], filled by fill(i, bytes), and
+  // clears dirty[i]. Changed sectors that lie back to back go out in one
+  // write: a large write adds table sectors side by side.
   std::vector<uint8_t> run;
-  for (size_t i = 0; i < fatSectors_.size();) {
-    if (!fatDirty_[i]) {
-      ++i;
-      continue;
+  auto writeRuns = [&](const auto& chain, std::vector<bool>& dirty,
+                       auto fill) -> HRESULT {
+    for (size_t i = 0; i < chain.size();) {
+      if (!dirty[i]) {
+        ++i;
+        continue;
+      }
+      size_t n = 1;
+      while (i + n < chain.size() && n < kTableRunSectors && dirty[i + n] &&
+             chain[i + n] == chain[i] + n)
+        ++n;
+      run.resize(n * ss);
+      for (size_t k = 0; k < n; ++k) fill(i + k, &run[k * ss]);
+      HRESULT hr = writeBytes(offsetOf(chain[i]), run.data(), run.size());
+      if (hr != S_OK) return hr;
+      for (size_t k = i; k < i + n; ++k) dirty[k] = false;
+      i += n;
     }
-    size_t n = 1;
-    while (i + n < fatSectors_.size() && n < kTableRunSectors &&
-           fatDirty_[i + n] && fatSectors_[i + n] == fatSectors_[i] + n)
-      ++n;
-    run.resize(n * ss);
-    for (size_t j = 0; j < n * eps; ++j)
-      storeU32(&run[4 * j], fat_[i * eps + j]);
-    if ((hr = writeBytes(offsetOf(fatSectors_[i]), run.data(), run.size())) !=
-        S_OK)
-      return hr;
-    for (size_t j = i; j < i + n; ++j) fatDirty_[j] = false;
-    i += n;
-  }
-  if (difatDirty_) {
-    size_t next = kHeaderDifatSlots;
-    for (size_t d = 0; d < difatSectors_.size(); ++d) {
-      for (uint32_t j = 0; j + 1 < eps; ++j, ++next)
-        storeU32(&sector[4 * j],
-                 next < fatSectors_.size() ? fatSectors_[next] : kFreeSect);
-      storeU32(&sector[4 * (eps - 1)], d + 1 < difatSectors_.size()
-                                           ? difatSectors_[d + 1]
-                                           : kEndOfChain);
-      if ((hr = writeBytes(offsetOf(difatSectors_[d]), sector.data(), ss)) !=
-          S_OK)
-        return hr;
-    }
-    difatDirty_ = false;
-  }
-  return S_OK;
+    return S_OK;
+  };
+  const uint32_t perSector = ss / kDirRecordSize;
+  HRESULT hr = writeRuns(dirChain_, dirDirty_, [&](size_t i, uint8_t* out) {
+    for (uint32_t j = 0; j < perSector; ++j)
+      entries_[i * perSector + j].store(out + j * kDirRecordSize);
+  });
+  auto table = [&](const pdTable& entries) {
+    return [&entries, eps](size_t i, uint8_t* out) {
+      for (uint32_t j = 0; j < eps; ++j)
+        storeU32(out + 4 * j, entries[i * eps + j]);
+    };
+  };
+  if (hr == S_OK) hr = writeRuns(miniFatChain_, miniFatDirty_, table(miniFat_));
+  if (hr == S_OK) hr = writeRuns(fatSectors_, fatDirty_, table(fat_));
+  if (hr != S_OK || !difatDirty_) return hr;
+  // A changed DIFAT sector moves, and so does each one before it, whose
+  // link changes with it: every DIFAT sector is written.
+  std::vector<bool> all(difatSectors_.size(), true);
+  hr = writeRuns(difatSectors_, all, [&](size_t d, uint8_t* out) {
+    size_t next = kHeaderDifatSlots + d * (eps - 1);
+    for (uint32_t j = 0; j + 1 < eps; ++j, ++next)
+      storeU32(out + 4 * j,
+               next < fatSectors_.size() ? fatSectors_[next] : kFreeSect);
+    storeU32(out + 4 * (eps - 1),
+             d + 1 < difatSectors_.size() ? difatSectors_[d + 1] : kEndOfChain);
+  });
+  if (hr == S_OK) difatDirty_ = false;
+  return hr;
 }
 
 HRESULT gxsDocFile::close() {

@@ -261,7 +261,7 @@ class gxsDocFile {
   pdTable difatSectors_;        // the DIFAT chain
   // A FAT or DIFAT sector added since the last switch has no place yet.
   static constexpr uint32_t kUnplaced = kFreeSect;
-  static constexpr size_t kTableRunSectors = 256;  // per write of the FAT
+  static constexpr size_t kTableRunSectors = 256;  // per write of a table
   size_t unplaced_ = 0;
   bool difatDirty_ = false;
   uint32_t freeHint_ = 0;  // no free sector below this

@@ -1,19 +1,25 @@
-// The load of a file. Byte edits and cuts of valid files: each must load to
-// the documented outcome or be refused cleanly (failed stream), without
-// reading outside a table or the file, without unbounded work and without
-// allocating what the header claims; the streams of those that load read back
-// whole, or fail cleanly over damaged chains and a file cut short. Then the
-// directory tree as loaded: walk order, skipped entries, names, a sibling
-// chain too long for a stack frame per link, and storages nested too deep.
+// The load of a file, by both loaders: the engine's, and the service's that
+// opens files read-write. Byte edits and cuts of valid files: each must load
+// to the documented outcome or be refused cleanly (a failed stream; the
+// platform's code), without reading outside a table or the file, without
+// unbounded work and without allocating what the header claims. The streams
+// of those that load read back whole, or fail cleanly over damaged chains and
+// a file cut short; the service then edits what it found undamaged, and
+// writes nothing after damage it found. Then the directory tree as loaded:
+// walk order, skipped entries, names, a sibling chain too long for a stack
+// frame per link, and storages nested too deep.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
+#include <random>
 #include <tuple>
 
 #include "engine/gxdCompoundFile.h"
 #include "portable/gxdStorage.h"
+#include "service/gxsDocFile.h"
 #include "support/gxFaultStream.h"
+#include "support/gxMemoryFile.h"
 #include "support/gxTestFileBuilder.h"
 
 namespace {
@@ -90,14 +96,74 @@ Outcome readSample(gxdIStorage* root, const gxTestFileBuilder& b,
   return failed ? kReadFails : whole ? kLoads : kReadsShort;
 }
 
-// One edit of a valid file: `width` bytes at `at` set to `value`, or with
-// `width` 0, the file cut to its first `at` bytes.
+bool refusal(HRESULT hr) {
+  return hr == STG_E_DOCFILECORRUPT || hr == STG_E_INVALIDHEADER ||
+         hr == STG_E_FILEALREADYEXISTS || hr == STG_E_READFAULT;
+}
+
+// Opens `bytes` with the service, reads every stream, and when that found no
+// damage, edits the file; returns the open's result. Every outcome must be
+// clean, and a refused file is left as it was.
+HRESULT openReadAndEdit(const std::string& bytes) {
+  auto data = std::make_shared<gxMemoryBytes>();
+  data->bytes.assign(bytes.begin(), bytes.end());
+  std::unique_ptr<gxsDocFile> f;
+  HRESULT hr = gxsDocFile::open(std::make_unique<gxMemoryFile>(data), true, f);
+  if (hr != S_OK) {
+    EXPECT_TRUE(refusal(hr)) << std::hex << hr;
+    EXPECT_EQ(std::string(data->bytes.begin(), data->bytes.end()), bytes);
+    return hr;
+  }
+  std::vector<uint32_t> storages = {0}, kids;
+  bool damaged = false;
+  std::string buffer(70000, '\0');
+  for (size_t i = 0; i < storages.size() && storages.size() < 1000; ++i) {
+    if (f->children(storages[i], kids) != S_OK) {
+      damaged = true;
+      break;
+    }
+    for (uint32_t k : kids) {
+      if (f->entry(k).objectType == kObjStorage) storages.push_back(k);
+      uint32_t done = 0;
+      if (f->entry(k).objectType == kObjStream &&
+          f->readStream(k, 0, &buffer[0], 70000, done) != S_OK)
+        damaged = true;
+    }
+  }
+  uint32_t id = 0, done = 0;
+  HRESULT edit = f->addEntry(0, u"added", kObjStream, id);
+  if (edit == S_OK) edit = f->writeStream(id, 0, buffer.data(), 5000, done);
+  if (edit == S_OK) edit = f->setStreamSize(id, 100);
+  if (edit == S_OK && f->find(0, u"big", id) == S_OK) {
+    std::vector<uint32_t> removed;
+    edit = f->removeEntry(0, id, removed);
+  }
+  if (edit == S_OK) edit = f->close();
+  if (damaged || f->corrupt()) {
+    EXPECT_NE(edit, S_OK);  // damage found: nothing was written after it
+    return hr;
+  }
+  EXPECT_EQ(edit, S_OK);
+  f.reset();
+  EXPECT_EQ(gxsDocFile::open(std::make_unique<gxMemoryFile>(data), true, f),
+            S_OK);
+  return hr;
+}
+
+// One edit of a valid file: `width` bytes at `at` set to `value` (and a
+// second 4-byte write, when `at2` is not 0), or with `width` 0, the file cut
+// to its first `at` bytes. `outcome` is the engine's, `service` the service's
+// open result (kClean: any clean one).
+constexpr HRESULT kClean = S_FALSE;
 struct Edit {
   const char* what;
   uint64_t at;
   uint32_t value;
   int width;
   Outcome outcome;
+  HRESULT service = kClean;
+  uint64_t at2 = 0;
+  uint32_t value2 = 0;
 };
 
 // `base` is the file `b` built.
@@ -108,6 +174,10 @@ void checkEdits(const gxTestFileBuilder& b, const std::string& base,
     std::string f = base;
     if (e.width == 0) f.resize(e.at);
     if (e.width != 0) gxPutU32(f, e.at, e.value, e.width);
+    if (e.at2 != 0) gxPutU32(f, e.at2, e.value2);
+    const HRESULT service = openReadAndEdit(f);
+    EXPECT_TRUE(e.service == kClean || service == e.service) << std::hex
+                                                             << service;
     Loaded l(f);
     EXPECT_EQ(e.outcome != kRefused, l.ok());
     EXPECT_LE(l.file.fat.size(), f.size());  // nothing sized by a claim
@@ -149,11 +219,13 @@ void addCuts(const gxTestFileBuilder& b, uint64_t size, std::vector<Edit>& e) {
 }
 
 // Byte edits and cuts of version 3 and 4 files, and of one whose 237 FAT
-// sectors are listed by two DIFAT sectors; then a stream that fails after n
-// bytes (each n through the first 4 KB, sparser after) fails the load
-// exactly when the load needs more than n bytes.
+// sectors are listed by two DIFAT sectors, through both loaders; seeded
+// random bytes over what the service's open reads; then a stream that fails
+// after n bytes (each n through the first 4 KB, sparser after) fails the
+// engine's load exactly when the load needs more than n bytes.
 TEST(Corruption, EditedFilesAreRefusedOrLoadAsDocumented) {
   const uint32_t kEnd = gxTestFileBuilder::kEnd;
+  const HRESULT kCorrupt = STG_E_DOCFILECORRUPT, kHeader = STG_E_INVALIDHEADER;
   for (auto [version, fatSectors] :
        {std::pair<uint16_t, uint32_t>{3, 1}, {4, 1}, {3, 237}}) {
     SCOPED_TRACE(testing::Message() << "v" << version << " fat " << fatSectors);
@@ -167,8 +239,14 @@ TEST(Corruption, EditedFilesAreRefusedOrLoadAsDocumented) {
     const auto& miniFat = b.miniFatSectors;
     const auto& mini = b.miniStreamSectors;
     const uint32_t big = b.entries[11].startSector;  // the large stream
+    const uint32_t bigEnd = big + (5000 + b.sectorSize - 1) / b.sectorSize - 1;
     const uint64_t miniLink =
         b.sectorOffset(miniFat[0]) + 4 * b.entries[2].startSector;
+    // Broke when chains could run on past the end of the file, where reads
+    // give zeros: a file of 52 KB made the service hold a directory of
+    // 12,700 sectors. Those edits lead a chain past the end, where the FAT
+    // ends it (a row's second write).
+    const uint32_t past = uint32_t(base.size() / b.sectorSize) + 2;
     // The last slot of the first DIFAT sector links to the second one, which
     // lists the last FAT sector and ends the walk with ENDOFCHAIN (before a
     // count of 5, say).
@@ -186,48 +264,76 @@ TEST(Corruption, EditedFilesAreRefusedOrLoadAsDocumented) {
         {"FAT sector in the DIFAT past the end", link - 508, 0x00FFFFFF, 4, kRefused},
         {"FAT sector listed twice", 76 + 4 * 5, 0, 4, kRefused},
     });
+    if (fatSectors == 1) edits.insert(edits.end(), {
+        {"minor version 0x21", 24, 0x21, 2, kLoads, S_OK},
+        {"byte order 0", 28, 0, 2, kLoads, kHeader},
+        {"header walk stops at FREESECT", 76 + 8, 0, 4, kLoads, S_OK},
+        {"major version 2", 26, 2, 2, kRefused, kHeader},
+        {"major version 5", 26, 5, 2, kRefused, kHeader},
+        {"mini sector shift 7", 32, 7, 2, kLoads, kHeader},
+        {"4 billion FAT sectors", 44, 0xFFFFFFFF, 4, kRefused, kCorrupt},
+        {"4 billion DIFAT sectors", 72, 0xFFFFFFFF, 4, kRefused, kCorrupt},
+        {"4 billion MiniFAT sectors", 64, 0xFFFFFFFF, 4, kRefused, S_OK},
+        {"mini stream of 4 GiB", entry(0, 120), 0xFFFFFFF0, 4, kRefused, kCorrupt},
+        {"FAT sector past the end", 76, 0x00FFFFFF, 4, kRefused, kCorrupt},
+        {"no directory", 48, kEnd, 4, kRefused, kCorrupt},
+        {"directory past the end", 48, 0x7FFFFFFF, 4, kRefused, kCorrupt},
+        {"directory chain loops", fat(dir.back()), dir[0], 4, kRefused, kCorrupt},
+        {"directory chain links past the FAT", fat(dir[0]), 0x00FFFFFF, 4, kRefused, kCorrupt},
+        {"directory chain links to FATSECT", fat(dir[0]), 0xFFFFFFFD, 4, kRefused, kCorrupt},
+        {"directory chain past the end", fat(dir.back()), past, 4, kRefused, kCorrupt, fat(past), kEnd},
+        {"mini stream chain ends early", fat(mini[1]), kEnd, 4, kRefused, kCorrupt},
+        {"mini stream chain loops", fat(mini[1]), mini[0], 4, kRefused, kCorrupt},
+        {"child link out of range", entry(1, 76), 5000, 4, kRefused, kCorrupt},
+        {"sibling link out of range", entry(2, 72), 0x7FFFFFFF, 4, kRefused, kCorrupt},
+        {"sibling points to itself", entry(1, 68), 1, 4, kLoads, kCorrupt},
+        {"two siblings point at each other", entry(11, 72), 1, 4, kLoads, kCorrupt},
+        {"child points to an ancestor", entry(5, 76), 1, 4, kLoads, kCorrupt},
+        {"root entry is a storage: empty tree", entry(0, 66), 1, 1, kLoads, kCorrupt},
+        {"root entry unused: empty tree", entry(0, 66), 0, 1, kLoads, kCorrupt},
+        {"small stream longer than its chain", entry(2, 120), 3500, 4, kReadFails, kCorrupt},
+        {"two streams share a chain", entry(3, 116), 0, 4, kLoads, kCorrupt},
+        {"a small stream on another's last mini sector", entry(3, 116), b.entries[2].startSector + 46, 4, kLoads, kCorrupt, entry(3, 120), 10},
+        {"FAT link past the table", fat(big), 0x00FFFFFF, 4, kReadFails, kCorrupt},
+        {"FAT chain ends early", fat(big), kEnd, 4, kReadFails, kCorrupt},
+        {"FAT link to a free mark", fat(big), 0xFFFFFFFF, 4, kReadFails, kCorrupt},
+        {"FAT link to itself", fat(big), big, 4, kReadLoops, kCorrupt},
+        {"stream chain past the end", fat(bigEnd), past, 4, kLoads, kCorrupt, fat(past), kEnd},
+        {"MiniFAT link past the table", miniLink, 0x00FFFFFF, 4, kReadFails, kCorrupt},
+        {"MiniFAT chain ends early", miniLink, kEnd, 4, kReadFails, kCorrupt},
+    });
+    // Outcomes of version 3's 512-byte sectors: a mini sector larger than a
+    // sector, a MiniFAT of two sectors, and streams whose chains cannot hold
+    // what the edit claims (in version 4 they may).
     if (version == 3 && fatSectors == 1) edits.insert(edits.end(), {
-        {"minor version 0x21", 24, 0x21, 2, kLoads},
-        {"byte order 0", 28, 0, 2, kLoads},
-        {"header walk stops at FREESECT", 76 + 8, 0, 4, kLoads},
-        {"major version 2", 26, 2, 2, kRefused},
-        {"major version 5", 26, 5, 2, kRefused},
-        {"mini sector larger than a sector", 32, 10, 2, kRefused},
-        {"4 billion FAT sectors", 44, 0xFFFFFFFF, 4, kRefused},
-        {"4 billion DIFAT sectors", 72, 0xFFFFFFFF, 4, kRefused},
-        {"4 billion MiniFAT sectors", 64, 0xFFFFFFFF, 4, kRefused},
-        {"mini stream of 4 GiB", entry(0, 120), 0xFFFFFFF0, 4, kRefused},
-        {"FAT sector past the end", 76, 0x00FFFFFF, 4, kRefused},
-        {"no directory", 48, kEnd, 4, kRefused},
-        {"directory past the end", 48, 0x7FFFFFFF, 4, kRefused},
-        {"directory chain loops", fat(dir[2]), dir[0], 4, kRefused},
-        {"directory chain links past the FAT", fat(dir[0]), 0x00FFFFFF, 4, kRefused},
-        {"directory chain links to FATSECT", fat(dir[0]), 0xFFFFFFFD, 4, kRefused},
-        {"MiniFAT chain ends early", fat(miniFat[0]), kEnd, 4, kRefused},
-        {"MiniFAT chain loops", fat(miniFat[0]), miniFat[0], 4, kRefused},
-        {"mini stream chain ends early", fat(mini[3]), kEnd, 4, kRefused},
-        {"mini stream chain loops", fat(mini[3]), mini[1], 4, kRefused},
-        {"child link out of range", entry(1, 76), 5000, 4, kRefused},
-        {"sibling link out of range", entry(2, 72), 0x7FFFFFFF, 4, kRefused},
-        {"sibling points to itself", entry(1, 68), 1, 4, kLoads},
-        {"child points to an ancestor", entry(5, 76), 1, 4, kLoads},
-        {"root entry is a storage: empty tree", entry(0, 66), 1, 1, kLoads},
-        {"root entry unused: empty tree", entry(0, 66), 0, 1, kLoads},
-        {"FAT link past the table", fat(big), 0x00FFFFFF, 4, kReadFails},
-        {"FAT chain ends early", fat(big), kEnd, 4, kReadFails},
-        {"FAT link to a free mark", fat(big), 0xFFFFFFFF, 4, kReadFails},
-        {"FAT link to itself", fat(big), big, 4, kReadLoops},
-        {"MiniFAT link past the table", miniLink, 0x00FFFFFF, 4, kReadFails},
-        {"MiniFAT chain ends early", miniLink, kEnd, 4, kReadFails},
+        {"mini sector shift 10", 32, 10, 2, kRefused, kHeader},
+        {"cutoff 2048", 56, 2048, 4, kReadFails, kHeader},
+        {"MiniFAT chain ends early", fat(miniFat[0]), kEnd, 4, kRefused, kCorrupt},
+        {"MiniFAT chain loops", fat(miniFat[0]), miniFat[0], 4, kRefused, kCorrupt},
+        {"stream longer than its chain", entry(11, 120), 9000, 4, kReadFails, kCorrupt},
     });
     // clang-format on
     for (int i = 0; i < 8 && fatSectors == 1; ++i)
-      edits.push_back({"signature", uint64_t(i), 0, 1, kRefused});
+      edits.push_back(
+          {"signature", uint64_t(i), 0, 1, kRefused, STG_E_FILEALREADYEXISTS});
     for (int i = 34; i < 40 && fatSectors == 1; ++i)
-      edits.push_back({"reserved", uint64_t(i), 1, 1, kRefused});
+      edits.push_back({"reserved", uint64_t(i), 1, 1, kRefused, kHeader});
     for (uint32_t shift : {0, 7, 8, 10, 11, 13, 15, 16, 31, 0xFFFF})
-      edits.push_back({"sector shift", 30, shift, 2, kRefused});
+      edits.push_back({"sector shift", 30, shift, 2, kRefused, kHeader});
     checkEdits(b, base, edits);
+
+    // Seeded random bytes over everything the service's open reads.
+    std::mt19937 rng(version);
+    for (int round = 0; round < 400 && fatSectors == 1; ++round) {
+      std::string f = base;
+      for (int n = 1 + round % 4; n > 0; --n)
+        f[rng() % b.metadataEnd] = static_cast<char>(rng());
+      openReadAndEdit(f);
+      if (HasFailure()) {
+        ADD_FAILURE() << "round " << round;
+        return;
+      }
+    }
 
     Loaded whole(base);
     const uint64_t readBytes = whole.stream.buf().transferred();
