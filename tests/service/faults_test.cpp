@@ -18,6 +18,7 @@
 #include <string>
 
 #include "gxsTreeWalk.h"
+#include "service/gxsDocFile.h"
 #include "support/gxMemoryFile.h"
 
 namespace {
@@ -252,32 +253,68 @@ Outcome runScript(const std::vector<Op>& script, bool transacted,
   return whole;
 }
 
+// Black height of the sibling tree under entry `node`, or -1 where a red
+// entry has a red child or its two sides differ.
+int blackHeight(const gxsDocFile& f, uint32_t node) {
+  if (node == kNoStream) return 0;
+  const gxdDirRecord& r = f.entry(node);
+  for (uint32_t c : {r.leftSibling, r.rightSibling})
+    if (r.colour == 0 && c != kNoStream && f.entry(c).colour == 0) return -1;
+  const int left = blackHeight(f, r.leftSibling);
+  if (left < 0 || left != blackHeight(f, r.rightSibling)) return -1;
+  return left + r.colour;
+}
+
 // Removed streams leave none of their bytes in the file, whether a commit
 // saw them or not, and the space they held is taken again before the file
-// grows.
+// grows. Half of a thousand siblings go too, in a seeded order and named in
+// upper case: the root's tree keeps the red-black rules and the other half.
 TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
   // Fills 'f', 'l', 'j' and 'g', which no other stream holds.
   // clang-format off
-  const std::vector<Op> round = {
+  std::vector<Op> round = {
       {kWrite, u"", u"gone", 0, 100001}, {kWrite, u"", u"tiny", 0, 3001},
       {kWrite, u"", u"kept", 0, 5001}, {kDestroy, u"", u"gone"},
       {kDestroy, u"", u"tiny"}, {kCommit}, {kWrite, u"", u"new", 0, 100002},
       {kCommit}, {kDestroy, u"", u"new"}, {kDestroy, u"", u"kept"},
       {kCommit}};
   // clang-format on
+  std::vector<std::pair<std::u16string, std::u16string>> siblings;
+  std::mt19937 rng(7);
+  for (uint32_t i = 0; i < 1000; ++i) {
+    std::u16string name = u"#", upper = u"#";
+    for (uint32_t v = i * 26 + rng() % 26; v > 0; v /= 26) {
+      name += char16_t(u'a' + v % 26);
+      upper += char16_t(u'A' + v % 26);
+    }
+    round.insert(round.begin(), {kWrite, u"", name});
+    siblings.emplace_back(name, upper);
+  }
+  std::shuffle(siblings.begin(), siblings.end(), rng);
+  for (size_t i = 0; i < 500; ++i)  // before the last commit
+    round.insert(round.end() - 1, {kDestroy, u"", siblings[i].second});
   for (bool transacted : {false, true}) {
     SCOPED_TRACE(transacted);
     std::vector<size_t> sizes;
-    gxMemoryBytes file = baseFile();
+    auto file = std::make_shared<gxMemoryBytes>(baseFile());
     for (int k = 0; k < 3; ++k) {
-      file = *runOnce(file, round, kRW | (transacted ? STGM_TRANSACTED : 0),
-                      kNever, -1)
-                  .bytes;
-      sizes.push_back(file.bytes.size());
+      const Outcome out = runOnce(
+          *file, round, kRW | (transacted ? STGM_TRANSACTED : 0), kNever, -1);
+      file = out.bytes;
+      sizes.push_back(file->bytes.size());
       for (char c : {'f', 'l', 'j', 'g'})
-        EXPECT_EQ(
-            std::search_n(file.bytes.begin(), file.bytes.end(), 64, uint8_t(c)),
-            file.bytes.end());
+        EXPECT_EQ(std::search_n(file->bytes.begin(), file->bytes.end(), 64,
+                                uint8_t(c)),
+                  file->bytes.end());
+      size_t wrong = 0;  // siblings removed but seen, or kept but missing
+      for (size_t i = 0; i < siblings.size(); ++i)
+        wrong += out.seen.count(siblings[i].first) != (i >= 500);
+      EXPECT_EQ(wrong, 0u);
+      std::unique_ptr<gxsDocFile> f;
+      ASSERT_EQ(
+          gxsDocFile::open(std::make_unique<gxMemoryFile>(file), false, f),
+          S_OK);
+      EXPECT_GE(blackHeight(*f, f->entry(0).child), 0);
     }
     EXPECT_LE(sizes[2], sizes[1]);
   }
