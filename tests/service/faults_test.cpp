@@ -267,19 +267,21 @@ int blackHeight(const gxsDocFile& f, uint32_t node) {
 
 // Removed streams leave none of their bytes in the file, whether a commit
 // saw them or not, and the space they held is taken again before the file
-// grows. Half of a thousand siblings go too, in a seeded order and named in
-// upper case: the root's tree keeps the red-black rules and the other half.
+// grows. Then a thousand siblings are added and half of them removed, in a
+// seeded order and by names in upper case: the root's tree keeps the
+// red-black rules and the other half.
 TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
   // Fills 'f', 'l', 'j' and 'g', which no other stream holds.
   // clang-format off
-  std::vector<Op> round = {
+  const std::vector<Op> round = {
       {kWrite, u"", u"gone", 0, 100001}, {kWrite, u"", u"tiny", 0, 3001},
       {kWrite, u"", u"kept", 0, 5001}, {kDestroy, u"", u"gone"},
       {kDestroy, u"", u"tiny"}, {kCommit}, {kWrite, u"", u"new", 0, 100002},
       {kCommit}, {kDestroy, u"", u"new"}, {kDestroy, u"", u"kept"},
       {kCommit}};
   // clang-format on
-  std::vector<std::pair<std::u16string, std::u16string>> siblings;
+  std::vector<std::pair<std::u16string, std::u16string>> names;
+  std::vector<Op> siblings;
   std::mt19937 rng(7);
   for (uint32_t i = 0; i < 1000; ++i) {
     std::u16string name = u"#", upper = u"#";
@@ -287,36 +289,37 @@ TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
       name += char16_t(u'a' + v % 26);
       upper += char16_t(u'A' + v % 26);
     }
-    round.insert(round.begin(), {kWrite, u"", name});
-    siblings.emplace_back(name, upper);
+    siblings.push_back({kWrite, u"", name});
+    names.emplace_back(name, upper);
   }
-  std::shuffle(siblings.begin(), siblings.end(), rng);
-  for (size_t i = 0; i < 500; ++i)  // before the last commit
-    round.insert(round.end() - 1, {kDestroy, u"", siblings[i].second});
+  std::shuffle(names.begin(), names.end(), rng);
+  for (size_t i = 0; i < 500; ++i)
+    siblings.push_back({kDestroy, u"", names[i].second});
+  siblings.push_back({kCommit});
   for (bool transacted : {false, true}) {
     SCOPED_TRACE(transacted);
+    const DWORD mode = kRW | (transacted ? STGM_TRANSACTED : 0);
     std::vector<size_t> sizes;
-    auto file = std::make_shared<gxMemoryBytes>(baseFile());
+    gxMemoryBytes file = baseFile();
     for (int k = 0; k < 3; ++k) {
-      const Outcome out = runOnce(
-          *file, round, kRW | (transacted ? STGM_TRANSACTED : 0), kNever, -1);
-      file = out.bytes;
-      sizes.push_back(file->bytes.size());
+      file = *runOnce(file, round, mode, kNever, -1).bytes;
+      sizes.push_back(file.bytes.size());
       for (char c : {'f', 'l', 'j', 'g'})
-        EXPECT_EQ(std::search_n(file->bytes.begin(), file->bytes.end(), 64,
-                                uint8_t(c)),
-                  file->bytes.end());
-      size_t wrong = 0;  // siblings removed but seen, or kept but missing
-      for (size_t i = 0; i < siblings.size(); ++i)
-        wrong += out.seen.count(siblings[i].first) != (i >= 500);
-      EXPECT_EQ(wrong, 0u);
-      std::unique_ptr<gxsDocFile> f;
-      ASSERT_EQ(
-          gxsDocFile::open(std::make_unique<gxMemoryFile>(file), false, f),
-          S_OK);
-      EXPECT_GE(blackHeight(*f, f->entry(0).child), 0);
+        EXPECT_EQ(
+            std::search_n(file.bytes.begin(), file.bytes.end(), 64, uint8_t(c)),
+            file.bytes.end());
     }
     EXPECT_LE(sizes[2], sizes[1]);
+    const Outcome out = runOnce(file, siblings, mode, kNever, -1);
+    size_t wrong = 0;  // siblings removed but seen, or kept but missing
+    for (size_t i = 0; i < names.size(); ++i)
+      wrong += out.seen.count(names[i].first) != (i >= 500);
+    EXPECT_EQ(wrong, 0u);
+    std::unique_ptr<gxsDocFile> f;
+    ASSERT_EQ(
+        gxsDocFile::open(std::make_unique<gxMemoryFile>(out.bytes), false, f),
+        S_OK);
+    EXPECT_GE(blackHeight(*f, f->entry(0).child), 0);
   }
 }
 
