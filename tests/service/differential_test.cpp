@@ -706,7 +706,8 @@ class Harness {
         c.m = rng_.chance(80) ? 0 : 1;
       if (op == kNext || op == kSkip) c.n = rng_.below(6);
       if (op == kCommit || op == kStreamCommit) c.m = rng_.below(3);
-      if (op == kCopyTo) c.m = rng_.below(4), c.p = pick(0, 1);
+      if (op == kCopyTo)  // between storages apart, so not into the root
+        c.m = rng_.below(4), c.p = pick(0, 1), c.q = pick(0, 1);
       if (op == kSetClass || op == kSetBits) c.n = rng_.below(4) * 0x01010101;
       if (op == kSetBits) c.m = rng_.chance(70) ? ~0u : 0x0F0F;
       if (op == kRelease) c.m = rng_.below(3), c.n = pick(int(c.m));
