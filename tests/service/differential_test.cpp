@@ -33,12 +33,6 @@ namespace {
 
 using Units = std::u16string;
 const auto w = gxsOle;
-Units up(Units s) {  // folding as far as the generator's names need it
-  for (char16_t& c : s)
-    if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7))
-      c -= 32;
-  return s;
-}
 std::string hex(uint64_t v, int digits = 8) {
   char b[24];
   std::snprintf(b, sizeof b, "%0*llX", digits, (unsigned long long)v);
@@ -673,8 +667,12 @@ class Harness {
     return held.empty() ? from : held[rng_.below(uint32_t(held.size()))];
   }
   bool holds(int kind) { return pick(kind) != 0 || have_[kind][0]; }
-  static bool inside(const Units& in, const Units& of) {
-    return up(in) == up(of) || up(in).rfind(up(of) + u"/", 0) == 0;
+  // Whether storage slot `i` is slot `of` or was opened below it (slots
+  // opened through a storage go with it, see released).
+  bool below(int i, int of) const {
+    for (int n = 0; i >= 0 && n <= kStg; i = via_[0][i], ++n)
+      if (i == of) return true;
+    return false;
   }
   const Units& name() {
     return rng_.chance(85) ? kNames[rng_.below(8)] : rng_.of(kNames);
@@ -708,7 +706,8 @@ class Harness {
         c.m = rng_.chance(80) ? 0 : 1;
       if (op == kNext || op == kSkip) c.n = rng_.below(6);
       if (op == kCommit || op == kStreamCommit) c.m = rng_.below(3);
-      if (op == kCopyTo) c.m = rng_.below(4), c.p = pick(0, 1);
+      if (op == kCopyTo)  // between storages apart, so not into the root
+        c.m = rng_.below(4), c.p = pick(0, 1), c.q = pick(0, 1);
       if (op == kSetClass || op == kSetBits) c.n = rng_.below(4) * 0x01010101;
       if (op == kSetBits) c.m = rng_.chance(70) ? ~0u : 0x0F0F;
       if (op == kRelease) c.m = rng_.below(3), c.n = pick(int(c.m));
@@ -722,8 +721,7 @@ class Harness {
       // Nothing is copied into itself or into a storage above it: ole32
       // under Wine answers at random for a stream copied onto itself, never
       // ends copying a storage into itself, and crashes copying one upward.
-      if ((op == kCopyTo && (inside(path_[0][c.q], path_[0][c.p]) ||
-                             inside(path_[0][c.p], path_[0][c.q]))) ||
+      if ((op == kCopyTo && (below(c.q, c.p) || below(c.p, c.q))) ||
           (op == kStreamCopy && c.s == c.t))
         c.op = kOps;
     }
@@ -743,37 +741,25 @@ class Harness {
         }
   }
   // A new object (or none, when the call failed) in slot `slot`.
-  void place(int kind, int slot, bool ok, int via, DWORD mode,
-             const Units& path = u"") {
+  void place(int kind, int slot, bool ok, int via, DWORD mode) {
     if (kind == 0) released(slot);
     have_[kind][slot] = ok;
     via_[kind][slot] = via;
     mode_[kind][slot] = mode;
-    if (kind < 2) path_[kind][slot] = path;
   }
 
   // Follows what the call did, as the sequence goes on with it.
   void after(const Call& c, HRESULT h) {
     const bool ok = h >= 0;
-    // Elements renamed: the slots opened on them and below follow;
-    // destroyed or replaced: those slots are on no element any more.
     const bool creates = c.op == kCreateStream || c.op == kCreateStorage;
-    const Units named = path_[0][c.p] + u"/" + c.a;
-    const Units to = c.op == kRename ? path_[0][c.p] + u"/" + c.b : u"?";
-    if (h == S_OK && (c.op == kRename || c.op == kDestroy ||
-                      (creates && (c.m & STGM_CREATE))))
-      for (auto& paths : path_)
-        for (Units& p : paths)
-          if (inside(p, named)) p = to + p.substr(named.size());
     if (c.op == kCreateStream || c.op == kOpenStream)
-      place(1, c.t, ok, c.p, c.m, named);
-    if (c.op == kClone)
-      place(1, c.t, ok, via_[1][c.s], mode_[1][c.s], path_[1][c.s]);
+      place(1, c.t, ok, c.p, c.m);
+    if (c.op == kClone) place(1, c.t, ok, via_[1][c.s], mode_[1][c.s]);
     if (c.op == kEnum || c.op == kList) place(2, c.f, ok, c.p, 0);
     if (c.op == kEnumClone) place(2, c.f, ok, via_[2][c.e], 0);
     if (c.op == kRelease) place(int(c.m), int(c.n), false, -1, 0);
     if (c.op == kCreateStorage || c.op == kOpenStorage) {
-      place(0, c.q, ok, c.p, c.m, named);
+      place(0, c.q, ok, c.p, c.m);
       writable_[c.q] = writable_[c.p] && (c.m & 3) != 0;
     }
     if (c.op == kReopen) {
@@ -804,7 +790,6 @@ class Harness {
   bool have_[3][kStg] = {};        // slots the platform holds an object in
   int via_[3][kStg] = {};          // the storage slot each was opened through
   DWORD mode_[3][kStg] = {{kRW}};  // the mode each was opened in
-  Units path_[2][kStg] = {};       // where each storage and stream was opened
   bool writable_[kStg] = {true};   // opened for writing, and its parents too
   DWORD rootMode_ = kRW;
   Call pending_;  // the next call, when one is set (op != kOps)

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "gxsTreeWalk.h"
+#include "service/gxsDocFile.h"
 #include "support/gxMemoryFile.h"
 
 namespace {
@@ -252,9 +253,23 @@ Outcome runScript(const std::vector<Op>& script, bool transacted,
   return whole;
 }
 
+// Black height of the sibling tree under entry `node`, or -1 where a red
+// entry has a red child or its two sides differ.
+int blackHeight(const gxsDocFile& f, uint32_t node) {
+  if (node == kNoStream) return 0;
+  const gxdDirRecord& r = f.entry(node);
+  for (uint32_t c : {r.leftSibling, r.rightSibling})
+    if (r.colour == 0 && c != kNoStream && f.entry(c).colour == 0) return -1;
+  const int left = blackHeight(f, r.leftSibling);
+  if (left < 0 || left != blackHeight(f, r.rightSibling)) return -1;
+  return left + r.colour;
+}
+
 // Removed streams leave none of their bytes in the file, whether a commit
 // saw them or not, and the space they held is taken again before the file
-// grows.
+// grows. Then a thousand siblings are added and half of them removed, in a
+// seeded order and by names in upper case: the root's tree keeps the
+// red-black rules and the other half.
 TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
   // Fills 'f', 'l', 'j' and 'g', which no other stream holds.
   // clang-format off
@@ -265,14 +280,29 @@ TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
       {kCommit}, {kDestroy, u"", u"new"}, {kDestroy, u"", u"kept"},
       {kCommit}};
   // clang-format on
+  std::vector<std::pair<std::u16string, std::u16string>> names;
+  std::vector<Op> siblings;
+  std::mt19937 rng(7);
+  for (uint32_t i = 0; i < 1000; ++i) {
+    std::u16string name = u"#", upper = u"#";
+    for (uint32_t v = i * 26 + rng() % 26; v > 0; v /= 26) {
+      name += char16_t(u'a' + v % 26);
+      upper += char16_t(u'A' + v % 26);
+    }
+    siblings.push_back({kWrite, u"", name});
+    names.emplace_back(name, upper);
+  }
+  std::shuffle(names.begin(), names.end(), rng);
+  for (size_t i = 0; i < 500; ++i)
+    siblings.push_back({kDestroy, u"", names[i].second});
+  siblings.push_back({kCommit});
   for (bool transacted : {false, true}) {
     SCOPED_TRACE(transacted);
+    const DWORD mode = kRW | (transacted ? STGM_TRANSACTED : 0);
     std::vector<size_t> sizes;
     gxMemoryBytes file = baseFile();
     for (int k = 0; k < 3; ++k) {
-      file = *runOnce(file, round, kRW | (transacted ? STGM_TRANSACTED : 0),
-                      kNever, -1)
-                  .bytes;
+      file = *runOnce(file, round, mode, kNever, -1).bytes;
       sizes.push_back(file.bytes.size());
       for (char c : {'f', 'l', 'j', 'g'})
         EXPECT_EQ(
@@ -280,6 +310,16 @@ TEST(ServiceFaults, RemovedStreamsLeaveNoBytesAndTheirSpaceIsReused) {
             file.bytes.end());
     }
     EXPECT_LE(sizes[2], sizes[1]);
+    const Outcome out = runOnce(file, siblings, mode, kNever, -1);
+    size_t wrong = 0;  // siblings removed but seen, or kept but missing
+    for (size_t i = 0; i < names.size(); ++i)
+      wrong += out.seen.count(names[i].first) != (i >= 500);
+    EXPECT_EQ(wrong, 0u);
+    std::unique_ptr<gxsDocFile> f;
+    ASSERT_EQ(
+        gxsDocFile::open(std::make_unique<gxMemoryFile>(out.bytes), false, f),
+        S_OK);
+    EXPECT_GE(blackHeight(*f, f->entry(0).child), 0);
   }
 }
 
