@@ -190,6 +190,8 @@ void* pdTableAllocate(size_t bytes) {
   return reinterpret_cast<void*>(aligned);
 }
 
+size_t pdTableLargeBytes() { return kLargeTable; }
+
 void pdTableFree(void* table, size_t bytes) {
   if (table == nullptr) return;
   if (bytes < kLargeTable) {
@@ -202,6 +204,8 @@ void pdTableFree(void* table, size_t bytes) {
 #else
 
 void* pdTableAllocate(size_t bytes) { return ::operator new(bytes); }
+
+size_t pdTableLargeBytes() { return 0; }
 
 void pdTableFree(void* table, size_t /*bytes*/) { ::operator delete(table); }
 

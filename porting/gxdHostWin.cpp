@@ -115,4 +115,6 @@ bool pdHostCopy(pdHandle source, uint64_t from, pdHandle target, uint64_t to,
 
 void* pdTableAllocate(size_t bytes) { return ::operator new(bytes); }
 
+size_t pdTableLargeBytes() { return 0; }
+
 void pdTableFree(void* table, size_t /*bytes*/) { ::operator delete(table); }

@@ -8,6 +8,7 @@
 #ifndef GXSTORAGE_PORTING_GXDTABLE_H_
 #define GXSTORAGE_PORTING_GXDTABLE_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -20,6 +21,9 @@
 // new. Freed by pdTableFree with the same size.
 void* pdTableAllocate(size_t bytes);
 void pdTableFree(void* table, size_t bytes);
+// The size from which pdTableAllocate hands out large pages; 0 where the
+// host gives none.
+size_t pdTableLargeBytes();
 
 // An allocator over pdTableAllocate whose elements are default-initialised:
 // resize(n) on a vector of integers leaves the new elements unset, while
@@ -63,5 +67,19 @@ bool operator!=(const pdTableAllocator<T>&, const pdTableAllocator<U>&) {
 // The engine's tables: 32-bit entries (FAT, MiniFAT) and bytes.
 using pdTable = std::vector<uint32_t, pdTableAllocator<uint32_t>>;
 using pdBytes = std::vector<uint8_t, pdTableAllocator<uint8_t>>;
+
+// Makes room for `n` elements in a table that grows a step at a time (the
+// FAT of a file being written, a stream's chain). Capacity doubles, and once
+// it passes 64 KiB it goes straight to the size where large pages begin:
+// every step below that would be a new copy in 4 KiB pages, each of them a
+// page fault, and page faults are dear on virtual machines.
+template <typename T>
+void pdTableReserve(std::vector<T, pdTableAllocator<T>>& table, size_t n) {
+  if (n <= table.capacity()) return;
+  size_t want = std::max(n, 2 * table.capacity());
+  const size_t large = pdTableLargeBytes() / sizeof(T);
+  if (want >= (size_t{64} << 10) / sizeof(T) && want < large) want = large;
+  table.reserve(want);
+}
 
 #endif  // GXSTORAGE_PORTING_GXDTABLE_H_

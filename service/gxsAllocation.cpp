@@ -68,6 +68,7 @@ HRESULT gxsDocFile::addFatSector() {
   const size_t index = fatSectors_.size();
   if (static_cast<uint64_t>(fat_.size()) + eps > maxSectors() + eps)
     return STG_E_MEDIUMFULL;
+  pdTableReserve(fat_, fat_.size() + eps);
   fat_.resize(fat_.size() + eps, kFreeSect);
   fatDirty_.push_back(true);
   fatSectors_.push_back(kUnplaced);
@@ -169,8 +170,7 @@ HRESULT gxsDocFile::freeSectors(const pdTable& chain, size_t from) {
 }
 
 HRESULT gxsDocFile::extendChain(pdTable& chain, size_t count, uint32_t& head) {
-  if (chain.capacity() - chain.size() < count)
-    chain.reserve(std::max(chain.size() + count, 2 * chain.capacity()));
+  pdTableReserve(chain, chain.size() + count);
   while (count > 0) {
     uint32_t s = 0;
     HRESULT hr = allocateSector(s, kEndOfChain);

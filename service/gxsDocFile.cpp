@@ -389,6 +389,7 @@ HRESULT gxsDocFile::flush() {
   if (!zeroReleased()) hr = ioFailure(true);
   // The sectors taken since the last switch are now the file's; those
   // only the old state used are free to be taken again.
+  pdTableReserve(protected_, fat_.size());
   if (protected_.size() < fat_.size()) protected_.resize(fat_.size(), 0);
   for (uint32_t s : taken_)
     if (fat_[s] != kFreeSect) protected_[s] = 1;
