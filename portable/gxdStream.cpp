@@ -253,6 +253,7 @@ gxResult gxdStream::write(const void* data, uint64_t count, uint64_t* written) {
       const uint32_t blocks = static_cast<uint32_t>((count - 1) / kBlockSize);
       uint32_t k = compoundFile->writeTempBlocks(in, blocks);
       if (static_cast<int32_t>(k) < 0) return GX_E_FAIL;
+      pdTableReserve(tempBlocks, tempBlocks.size() + blocks);
       for (uint32_t b = 0; b < blocks; ++b) tempBlocks.push_back(k + b);
       const uint64_t n = uint64_t{blocks} * kBlockSize;
       // The buffer ends up holding the last whole block, as it would after
